@@ -1,0 +1,21 @@
+# Sourced, from anywhere. Goes to the top of the checkout; build_preset NAME [cmake argument...]
+# installs what the preset needs, configures it and builds it in build/NAME.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+. scripts/lib/packages.sh
+
+build_preset() {
+    local preset=$1
+    shift
+
+    local packages=(cmake ninja-build g++ libsqlite3-dev libgtest-dev libgmock-dev)
+    case $preset in
+        clang) packages+=(clang) ;;
+        sanitize) packages+=(clang libclang-rt-14-dev llvm) ;;
+    esac
+    need_packages "${packages[@]}"
+
+    cmake --preset "$preset"
+    cmake --build --preset "$preset" --parallel "$(nproc)" "$@"
+}
