@@ -1,0 +1,87 @@
+#include "sqlite_watch.h"
+
+#include <dlfcn.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+std::vector<sqlite_watch*>& watches()
+{
+    static std::vector<sqlite_watch*> all;
+    return all;
+}
+
+// Above 0 inside a call that is passed on: SQLite calls its own functions, for VACUUM for instance.
+int depth = 0;
+
+// SQLite's own function of that name.
+template <typename Function>
+Function* real(const char* name)
+{
+    void* const symbol = dlsym(RTLD_NEXT, name);
+    if (symbol == nullptr) std::abort();
+    Function* function = nullptr;
+    std::memcpy(&function, &symbol, sizeof function);
+    return function;
+}
+
+bool denied(const std::string& sql)
+{
+    bool any = false;
+    for (sqlite_watch* watch : watches())
+        any = watch->denies(sql) || any;  // each counts, also when another denies
+    return any;
+}
+
+}  // namespace
+
+extern "C" int sqlite3_prepare_v2(sqlite3* db, const char* sql, int size, sqlite3_stmt** stmt,
+                                  const char** tail)
+{
+    static const auto prepare = real<decltype(sqlite3_prepare_v2)>("sqlite3_prepare_v2");
+    if (depth > 0 || watches().empty()) return prepare(db, sql, size, stmt, tail);
+
+    const bool deny = denied(size < 0 ? sql : std::string(sql, static_cast<size_t>(size)));
+    const unwatched inside;
+    if (deny) return prepare(db, "SELECT denied", -1, stmt, tail);
+    return prepare(db, sql, size, stmt, tail);
+}
+
+extern "C" int sqlite3_step(sqlite3_stmt* stmt)
+{
+    static const auto step = real<decltype(sqlite3_step)>("sqlite3_step");
+    if (depth > 0 || watches().empty()) return step(stmt);
+
+    for (sqlite_watch* watch : watches())
+        watch->before_step(stmt);
+    int result = SQLITE_ERROR;
+    {
+        const unwatched inside;
+        result = step(stmt);
+    }
+    for (sqlite_watch* watch : watches())
+        watch->after_step(stmt, result);
+    return result;
+}
+
+sqlite_watch::sqlite_watch() { watches().push_back(this); }
+
+sqlite_watch::~sqlite_watch()
+{
+    watches().erase(std::find(watches().begin(), watches().end(), this));
+}
+
+bool sqlite_watch::denies(const std::string&) { return false; }
+
+void sqlite_watch::before_step(sqlite3_stmt*) {}
+
+void sqlite_watch::after_step(sqlite3_stmt*, int) {}
+
+unwatched::unwatched() { ++depth; }
+
+unwatched::~unwatched() { --depth; }
