@@ -133,3 +133,8 @@ std::string file_bytes(const std::string& file)
     if (!in) throw std::runtime_error("can't read " + file);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
+
+std::string test_data(const std::string& name)
+{
+    return file_bytes(std::string(TREND_TEST_DATA_DIR "/") + name);
+}

@@ -20,3 +20,6 @@ void run_sql(const std::string& file, const std::string& sql);
 
 // The bytes of a file. Not for a log that is open: closing the file here would drop its locks.
 std::string file_bytes(const std::string& file);
+
+// The text of a file in tests/data.
+std::string test_data(const std::string& name);
