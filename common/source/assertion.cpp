@@ -1,0 +1,15 @@
+#include <cstdio>
+#include <cstdlib>
+
+#include "trend_base.h"
+
+namespace toolkit::trend {
+
+void assertion_failed(const char* file, unsigned int line, const char* function,
+                      const char* condition) noexcept
+{
+    std::fprintf(stderr, "%s:%u: %s: Assertion `%s' failed.\n", file, line, function, condition);
+    std::abort();
+}
+
+}  // namespace toolkit::trend
