@@ -92,6 +92,9 @@ private:
     // Issues ROLLBACK at level 0. What SQLite then still holds open is owed to the next begin.
     void roll_back() noexcept;
 
+    // Runs BEGIN, COMMIT or ROLLBACK. What it throws is reported under the name `fn`, -1.
+    int control(const char* fn, const char* sql) noexcept;
+
     sqlite3* _db = nullptr;
     int _nest_lvl = 0;
     std::unique_ptr<CStatementPool> _pool;

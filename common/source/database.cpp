@@ -1,0 +1,257 @@
+#include "database.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include "functions.h"
+#include "report.h"
+#include "sqlformat.h"
+#include "transcheck.h"
+#include "translevel.h"
+
+namespace toolkit::trend {
+
+namespace {
+
+// Keeps what is created meanwhile from being writable for group and others. The mask belongs to the
+// process, so this lasts as short as can be.
+class CCreationMask {
+public:
+    CCreationMask() : _old(umask(S_IWGRP | S_IWOTH)) {}
+    ~CCreationMask() { umask(_old); }
+
+    CCreationMask(const CCreationMask&) = delete;
+    CCreationMask& operator=(const CCreationMask&) = delete;
+
+private:
+    mode_t _old;
+};
+
+int open_file(const tk_string& name, sqlite3** db, bool read_only, bool create)
+{
+    int flags = SQLITE_OPEN_READWRITE;
+    if (read_only)
+        flags = SQLITE_OPEN_READONLY;
+    else if (create)
+        flags |= SQLITE_OPEN_CREATE;
+    const CCreationMask mask;
+    return sqlite3_open_v2(name.c_str(), db, flags, nullptr);
+}
+
+}  // namespace
+
+CDatabase::~CDatabase() { close(); }
+
+int CDatabase::open(const tk_string& name, size_t pool_capacity, bool read_only, bool create,
+                    bool temp_in_memory, size_t page_size, size_t cache_bytes, size_t heap_limit,
+                    bool wal)
+{
+    TREND_SIGNATURE(fn,
+                    "int toolkit::trend::CDatabase::open(const tk_string&, size_t, bool, bool, "
+                    "bool, size_t, size_t, size_t, bool)");
+    if (name.empty()) {
+        report("%s: empty DB name", fn);
+        return -1;
+    }
+
+    close();
+    _pool = std::make_unique<CStatementPool>(*this, pool_capacity);
+    if (const int failed = open_file(name, &_db, read_only, create)) {
+        report("%s: can't open DB '%s'", fn, name.c_str());
+        return failed;
+    }
+    TREND_ASSERT(_db!=__null);
+    sqlite3_extended_result_codes(_db, 1);
+    _nest_lvl = 0;
+    _wal = !read_only && wal;
+
+    // One or the other: whoever wants no temporary files keeps the journal mode of the file.
+    if (temp_in_memory) {
+        if (const int failed = exec("PRAGMA temp_store = MEMORY", STMT_FRESH, ROW_NONE))
+            return failed;
+    } else if (_wal) {
+        if (const int failed = exec("PRAGMA journal_mode = WAL", STMT_FRESH, ROW_OK)) return failed;
+    }
+
+    const size_t page = page_size != 0 ? page_size : 4096;
+    if (const int failed = exec(sql_text("PRAGMA page_size=", page), STMT_FRESH, ROW_NONE))
+        return failed;
+    if (cache_bytes != 0)
+        if (const int failed = update_cache_size(cache_bytes)) return failed;
+    if (heap_limit != 0) sqlite3_soft_heap_limit64(static_cast<sqlite3_int64>(heap_limit));
+    return register_custom_functions(_db);
+}
+
+void CDatabase::close()
+{
+    _pool.reset();
+    if (_db) static_cast<void>(sqlite3_close(_db));
+    _db = nullptr;
+    _rollback_owed = false;
+}
+
+stmt_ptr_t CDatabase::stmt(const tk_string& sql, bool fresh)
+{
+    TREND_ASSERT(!sql.empty());
+    TREND_ASSERT(_pool.get());
+    if (!fresh) return _pool->get(sql);
+
+    stmt_ptr_t statement =
+        std::allocate_shared<CStatement>(std::allocator<CStatement>(), sql, *this);
+    if (!statement->is_prepared()) statement.reset();
+    return statement;
+}
+
+int CDatabase::exec(const tk_string& sql, bool fresh, bool row_ok)
+{
+    TREND_ASSERT(!sql.empty());
+    TREND_ASSERT(_pool.get());
+    const stmt_wrapper_t statement(stmt(sql, fresh));
+    if (!statement) return -1;
+
+    const int retval = statement->step();
+    return row_ok && retval == 1 ? 0 : retval;
+}
+
+int CDatabase::get_intval(const tk_string& sql, int64_t& out, bool fresh, bool null_ok)
+{
+    TREND_ASSERT(_pool.get());
+    CTransLevel level(*this);
+    if (const int failed = level.begin()) return failed;
+
+    const stmt_wrapper_t statement(stmt(sql, fresh));
+    if (!statement) return -1;
+
+    int retval = 0;
+    while ((retval = statement->step()) == 1)
+        if (statement->column(0, out, null_ok) != 0) return retval;
+
+    // A failing step ends the query as its last row does; what was read so far stands.
+    return level.end();
+}
+
+int CDatabase::update_cache_size(size_t bytes)
+{
+    TREND_ASSERT(_pool.get());
+    int64_t page = 0;
+    const int failed = get_intval("PRAGMA page_size", page, STMT_FRESH, NULL_NOT_OK);
+    if (page <= 0) return -1;
+    if (failed) return failed;
+    return exec(sql_text("PRAGMA cache_size=", bytes / static_cast<size_t>(page)), STMT_FRESH,
+                ROW_NONE);
+}
+
+int CDatabase::begin_transaction()
+{
+    TREND_SIGNATURE(fn, "int toolkit::trend::CDatabase::begin_transaction()");
+    TREND_ASSERT(_db!=__null);
+    TREND_ASSERT(_pool.get());
+    if (_nest_lvl == 0) {
+        if (_rollback_owed && sqlite3_get_autocommit(_db) == 0) {
+            roll_back();
+            if (_rollback_owed) return -1;
+        }
+        _rollback_owed = false;
+        if (const int failed = control(fn, "BEGIN")) return failed;
+    }
+    ++_nest_lvl;
+    return 0;
+}
+
+int CDatabase::end_transaction()
+{
+    TREND_SIGNATURE(fn, "int toolkit::trend::CDatabase::end_transaction()");
+    TREND_ASSERT(_db!=__null);
+    TREND_ASSERT(_pool.get());
+    TREND_ASSERT(_nest_lvl>0);
+    if (--_nest_lvl > 0) return 0;
+
+    const int failed = control(fn, "COMMIT");
+    // There is no level left for the caller to roll back, so a transaction that could not be
+    // committed ends here.
+    if (failed && sqlite3_get_autocommit(_db) == 0) roll_back();
+    return failed;
+}
+
+void CDatabase::rollback_transaction()
+{
+    TREND_ASSERT(_db!=__null);
+    TREND_ASSERT(_pool.get());
+    TREND_ASSERT(_nest_lvl>0);
+    if (--_nest_lvl == 0) roll_back();
+}
+
+void CDatabase::roll_back() noexcept
+{
+    static_cast<void>(
+        control("void toolkit::trend::CDatabase::rollback_transaction()", "ROLLBACK"));
+    _rollback_owed = sqlite3_get_autocommit(_db) == 0;
+}
+
+int CDatabase::control(const char* fn, const char* sql) noexcept
+try {
+    return exec(sql, STMT_POOLED, ROW_NONE);
+} catch (const cache_uninitialized&) {
+    return refuse(fn, "invalid pool capacity");
+} catch (...) {
+    return out_of_memory(fn);
+}
+
+int CDatabase::checkpoint()
+{
+    TREND_SIGNATURE(fn, "int toolkit::trend::CDatabase::checkpoint()");
+    TREND_ASSERT(_db!=__null);
+    if (!_wal) return 0;
+    if (sqlite3_wal_checkpoint(_db, nullptr) != SQLITE_OK) {
+        report("%s: can't checkpoint database", fn);
+        return 1;
+    }
+    return 0;
+}
+
+int CDatabase::checkpoint_config(int n)
+{
+    TREND_SIGNATURE(fn, "int toolkit::trend::CDatabase::checkpoint_config(int)");
+    TREND_ASSERT(_db!=__null);
+    if (!_wal) return 0;
+    if (sqlite3_wal_autocheckpoint(_db, n) != SQLITE_OK) {
+        report("%s: can't set autocheckpoint (%d)", fn, n);
+        return 1;
+    }
+    return 0;
+}
+
+sqlite3* CDatabase::operator*()
+{
+    TREND_ASSERT(_db!=__null);
+    return _db;
+}
+
+bool CDatabase::transaction_dropped() const
+{
+    return _nest_lvl > 0 && sqlite3_get_autocommit(_db) != 0;
+}
+
+stmt_wrapper_t::~stmt_wrapper_t()
+{
+    if (_stmt) static_cast<void>(_stmt->reset());
+}
+
+stmt_wrapper_t& stmt_wrapper_t::operator=(const stmt_ptr_t& p)
+{
+    if (_stmt) static_cast<void>(_stmt->reset());
+    _stmt = p;
+    return *this;
+}
+
+CTransCheck::CTransCheck(const std::shared_ptr<CDatabase>& db)
+    : _db(db), _level(db ? db->_nest_lvl : 0)
+{
+}
+
+CTransCheck::~CTransCheck()
+{
+    if (_db) TREND_ASSERT(_level==_db->_nest_lvl);
+}
+
+}  // namespace toolkit::trend
