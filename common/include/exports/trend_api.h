@@ -422,6 +422,8 @@ private:
                               const std::vector<CPeriodProperties>& periods,
                               std::vector<long long>& upper_bounds);
 
+    int clear_rows(const CDeviceProperties& device, const timebounds_t& bounds, time_t& latest);
+
     std::shared_ptr<CDatabase> _db;  // empty while the log is closed
 };
 

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "trend_api.h"
+
+// The SQL texts that are assembled in a loop. Pure functions of records and numbers: they report
+// nothing, touch no database and take identifiers as valid.
+
+namespace toolkit::trend {
+
+// Creates a trend table with a column for everything the parameters keep; as "tmp_table" with
+// `temp`.
+tk_string create_trend_table_text(int64_t device, unsigned long period,
+                                  const std::vector<CParamProperties>& params, bool temp);
+
+// Inserts a row of the parameters' values. Placeholders: time, percent_valid, then one per column.
+tk_string insert_sample_text(int64_t device, unsigned long period,
+                             const std::vector<CParamProperties>& params);
+
+// Inserts one coarse row made of `ratio` fine rows. Placeholders: the time at which the fine rows
+// begin and how many of them to pass over.
+tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
+                       unsigned long ratio, const std::vector<CParamProperties>& params);
+
+// Copies a trend table into "tmp_table", which has the columns of `params`. With `old_params`,
+// which then match entry for entry, a column that the old parameter did not keep is filled with
+// NULL; without, every column is there to be copied.
+tk_string copy_rows_text(int64_t device, unsigned long period,
+                         const std::vector<CParamProperties>& params,
+                         const std::vector<CParamProperties>& old_params);
+
+// Reads the rows of the periods' tables in one query. Columns: period, time, percent_valid, then
+// the parameters' columns. Placeholders: for each period its number, the bounds that are not -1,
+// and with `no_overlap` its upper bound twice; then the limit and, if there is one, the offset.
+tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& periods,
+                    const std::vector<CParamProperties>& params, const timebounds_t& bounds,
+                    bool no_overlap, bool ascending, bool has_offset);
+
+// Deletes the rows within the bounds, which stand in the text.
+tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds);
+
+}  // namespace toolkit::trend
