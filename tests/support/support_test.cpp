@@ -186,6 +186,16 @@ TEST(deny_prepare, strikes_once_at_the_nth)
     EXPECT_NE(prepare(db, "SELECT 2"), nullptr);
 }
 
+TEST(deny_prepare, gives_the_same_code_when_the_schema_has_changed_meanwhile)
+{
+    const handle_t db = open_handle("file.db");
+    step(db, "CREATE TABLE t(a)");
+    run_sql("file.db", "CREATE TABLE u(a)");
+    const deny_prepare first(1);
+    EXPECT_EQ(prepare(db, "SELECT 1"), nullptr);
+    EXPECT_EQ(sqlite3_extended_errcode(db.get()), SQLITE_ERROR);
+}
+
 TEST(deny_prepare, strikes_at_one_text)
 {
     const handle_t db = open_handle("file.db");
