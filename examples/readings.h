@@ -1,0 +1,108 @@
+#pragma once
+
+// Where the readings of record_and_read.cpp come from: a CSV file, or the machine it runs on.
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct reading_t {
+    time_t _time = 0;             // seconds since the Unix epoch, the end of the interval
+    std::vector<double> _values;  // one per quantity; NaN where there was none
+};
+
+struct readings_t {
+    std::string _device;
+    std::vector<std::string> _quantities;
+    unsigned long _minutes = 1;  // between two readings
+    std::vector<reading_t> _rows;
+};
+
+inline std::vector<std::string> split(const std::string& line)
+{
+    std::vector<std::string> fields;
+    std::istringstream stream(line);
+    for (std::string field; std::getline(stream, field, ',');)
+        fields.push_back(field);
+    return fields;
+}
+
+// Reads "time,name,name,..." and rows of numbers, the time in whole minutes of seconds. No rows
+// when the file is not like that.
+inline readings_t readings_from_csv(const std::string& file)
+{
+    readings_t readings;
+    std::ifstream stream(file);
+    std::string line;
+    if (!std::getline(stream, line)) return readings;
+    readings._quantities = split(line);
+    if (readings._quantities.size() < 2) return readings;
+    readings._quantities.erase(readings._quantities.begin());
+
+    while (std::getline(stream, line)) {
+        const std::vector<std::string> fields = split(line);
+        if (fields.size() != readings._quantities.size() + 1) return {};
+        reading_t reading;
+        reading._time = static_cast<time_t>(std::strtoll(fields[0].c_str(), nullptr, 10));
+        for (size_t i = 1; i < fields.size(); ++i) {
+            char* end = nullptr;
+            const double value = std::strtod(fields[i].c_str(), &end);
+            reading._values.push_back(
+                end == fields[i].c_str() ? std::numeric_limits<double>::quiet_NaN() : value);
+        }
+        readings._rows.push_back(reading);
+    }
+    if (readings._rows.size() < 2) return {};
+
+    const time_t step = readings._rows[1]._time - readings._rows[0]._time;
+    if (step < 60 || step % 60 != 0) return {};
+    readings._minutes = static_cast<unsigned long>(step / 60);
+    const size_t name = file.find_last_of('/') + 1;
+    readings._device = file.substr(name, file.find_last_of('.') - name);
+    return readings;
+}
+
+// The first number after `label` in one of the kernel's files, NaN when there is none.
+inline double number_in(const char* file, const std::string& label)
+{
+    std::ifstream stream(file);
+    const std::string text{std::istreambuf_iterator<char>(stream), {}};
+    const size_t found = text.find(label);
+    if (text.empty() || found == std::string::npos) return std::numeric_limits<double>::quiet_NaN();
+    return std::strtod(text.c_str() + found + label.size(), nullptr);
+}
+
+// The share of the processor's busy time that went into programs rather than the kernel.
+inline double program_share()
+{
+    double user = 0, nice = 0, system = 0;
+    std::string cpu;
+    std::ifstream("/proc/stat") >> cpu >> user >> nice >> system;
+    return (user + nice) / (user + nice + system);
+}
+
+// `count` readings in quick succession. Each stands for one minute, the last for the present one.
+inline readings_t readings_from_machine(size_t count)
+{
+    readings_t readings;
+    readings._device = "this machine";
+    readings._quantities = {"load", "free_memory_mib", "temperature_c", "power_factor"};
+    const time_t now = std::time(nullptr) / 60 * 60;
+    for (size_t i = 0; i < count; ++i) {
+        reading_t reading;
+        reading._time = now - static_cast<time_t>(60 * (count - 1 - i));
+        reading._values = {
+            number_in("/proc/loadavg", ""), number_in("/proc/meminfo", "MemAvailable:") / 1024,
+            number_in("/sys/class/thermal/thermal_zone0/temp", "") / 1000, program_share()};
+        readings._rows.push_back(reading);
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return readings;
+}
