@@ -13,8 +13,12 @@ build_preset() {
     case $preset in
         clang) packages+=(clang) ;;
         sanitize) packages+=(clang libclang-rt-14-dev llvm) ;;
+        arm*) packages+=(g++-arm-linux-gnueabihf qemu-user googletest) ;;
     esac
     need_packages "${packages[@]}"
+    case $preset in
+        arm*) scripts/arm-root ;;
+    esac
 
     cmake --preset "$preset"
     cmake --build --preset "$preset" --parallel "$(nproc)" "$@"
