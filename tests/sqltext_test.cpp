@@ -88,7 +88,7 @@ TEST(roll_up_text, takes_power_factors_by_theirs)
 
 TEST(roll_up_text, stops_at_a_parameter_without_identifier)
 {
-    EXPECT_STOPS(roll_up_text(4, 1, 15, 15, {param(-1, "min")}), "param._index>=0");
+    EXPECT_STOPS(roll_up_text(4, 1, 15, 15, {param(-1, "min")}), "params[i]._index>=0");
 }
 
 TEST(copy_rows_text, copies_every_column_without_an_old_list)

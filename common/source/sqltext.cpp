@@ -75,10 +75,10 @@ tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
     tk_string text = text_for_columns(params);
     append_sql(text, "INSERT INTO trends_", device, "_", coarse,
                " SELECT max(time), avg(percent_valid)");
-    for (const CParamProperties& param : params) {
-        TREND_ASSERT(param._index>=0);
+    for (size_t i = 0; i < params.size(); ++i) {
+        TREND_ASSERT(params[i]._index>=0);
         for (const aggregate_t& aggregate : AGGREGATES)
-            if (param.*aggregate._kept) append_roll_up(text, param, aggregate);
+            if (params[i].*aggregate._kept) append_roll_up(text, params[i], aggregate);
     }
     append_sql(text, " FROM (SELECT * FROM trends_", device, "_", fine, " WHERE time >= ? LIMIT ",
                ratio, " OFFSET ?)");
