@@ -1,0 +1,16 @@
+#include "count_changes.h"
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+
+void count_changes::before_step(sqlite3_stmt* stmt)
+{
+    if (_done) return;
+    _done = true;
+
+    const unwatched own;
+    sqlite3* const db = sqlite3_db_handle(stmt);
+    if (sqlite3_exec(db, "PRAGMA count_changes = 1", nullptr, nullptr, nullptr) != SQLITE_OK)
+        throw std::runtime_error(sqlite3_errmsg(db));
+}
