@@ -252,9 +252,9 @@ private:
     void free_slot(const handle_t& handle)
     {
         handle.ptr->valid = false;
-        handle.ptr->val = Val();
         _unused = handle.ptr->qpos;
         --_size;
+        handle.ptr->val = Val();  // last, as it may throw
     }
 
     size_t _capacity = 0;  // 0: uninitialized
