@@ -54,10 +54,10 @@ public:
 
     // A prepared statement: from the pool, or with `fresh` one of its own, for texts that are used
     // once or rarely. Empty when it cannot be prepared, which has been reported.
-    stmt_ptr_t stmt(const tk_string& sql, bool fresh);
+    stmt_ptr_t stmt(const tk_string& str, bool fresh);
 
-    // Prepares `sql`, steps it once and resets it. 0 when done, 1 for a row (0 with `row_ok`).
-    int exec(const tk_string& sql, bool fresh, bool row_ok);
+    // Prepares `str`, steps it once and resets it. 0 when done, 1 for a row (0 with `row_ok`).
+    int exec(const tk_string& str, bool fresh, bool row_ok);
 
     // Reads column 0 of the last row of a query as an integer, inside a transaction level. Without
     // a row, and when a step fails, `out` stays as it was and the result is 0 all the same: give it

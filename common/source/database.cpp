@@ -90,23 +90,23 @@ void CDatabase::close()
     _rollback_owed = false;
 }
 
-stmt_ptr_t CDatabase::stmt(const tk_string& sql, bool fresh)
+stmt_ptr_t CDatabase::stmt(const tk_string& str, bool fresh)
 {
-    TREND_ASSERT(!sql.empty());
+    TREND_ASSERT(!str.empty());
     TREND_ASSERT(_pool.get());
-    if (!fresh) return _pool->get(sql);
+    if (!fresh) return _pool->get(str);
 
     stmt_ptr_t statement =
-        std::allocate_shared<CStatement>(std::allocator<CStatement>(), sql, *this);
+        std::allocate_shared<CStatement>(std::allocator<CStatement>(), str, *this);
     if (!statement->is_prepared()) statement.reset();
     return statement;
 }
 
-int CDatabase::exec(const tk_string& sql, bool fresh, bool row_ok)
+int CDatabase::exec(const tk_string& str, bool fresh, bool row_ok)
 {
-    TREND_ASSERT(!sql.empty());
+    TREND_ASSERT(!str.empty());
     TREND_ASSERT(_pool.get());
-    const stmt_wrapper_t statement(stmt(sql, fresh));
+    const stmt_wrapper_t statement(stmt(str, fresh));
     if (!statement) return -1;
 
     const int retval = statement->step();
