@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "allocations.h"
 #include "expect.h"
 #include "faults.h"
 #include "log_fixture.h"
@@ -86,6 +88,33 @@ protected:
     int periods() { return _log.get_periods(_periods); }
     int devices() { return _log.get_devices(_devices); }
     int params() { return _log.get_params(device(1), _params); }
+
+    // Lets each allocation of a listing fail in turn, on a connection of its own. `signature` is
+    // the listing's.
+    void expect_survives_without_memory(const std::string& signature,
+                                        const std::function<int()>& list)
+    {
+        bool reached = true;
+        for (size_t n = 1; reached; ++n) {
+            SCOPED_TRACE(n);
+            reopen();
+            int result = 0;
+            const std::string said = capture_stderr([&] {
+                const allocations::fail_at fault(n);
+                result = list();
+                reached = fault.reached();
+            });
+            if (reached) {
+                EXPECT_EQ(result, -1);
+                EXPECT_EQ(said, signature + ": Error: out of memory\n");
+            } else {
+                EXPECT_EQ(result, 0);
+                EXPECT_EQ(said, "");
+                EXPECT_GT(n, 5U);  // allocations there have been
+            }
+            EXPECT_TRUE(at_level_0());
+        }
+    }
 
     std::vector<CPeriodProperties> _periods{CPeriodProperties(99, 99)};
     std::vector<CDeviceProperties> _devices{device(99)};
@@ -238,6 +267,13 @@ TEST_F(get_periods, are_none_in_a_transaction_that_sqlite_has_dropped)
     EXPECT_EQ(text(_periods), "");
 }
 
+TEST_F(get_periods, that_run_out_of_memory_say_so)
+{
+    add_periods({{1, 1440}, {15, 96}, {1440, 365}});
+    expect_survives_without_memory(GET_PERIODS, [this] { return periods(); });
+    EXPECT_EQ(text(_periods), "1|1440\n15|96\n1440|365");
+}
+
 TEST_F(get_periods, fail_at_a_value_that_is_no_integer)
 {
     for (const char* row : {"(NULL, 1)", "(1, NULL)", "('1', 1)", "(1, 1.0)"}) {
@@ -386,6 +422,14 @@ TEST_F(get_devices, are_none_in_a_transaction_that_sqlite_has_dropped)
     }
     EXPECT_REPORTS(devices(), 0, step_report(SQLITE_ABORT_ROLLBACK, "abort due to ROLLBACK"));
     EXPECT_EQ(text(_devices), "");
+}
+
+TEST_F(get_devices, that_run_out_of_memory_say_so)
+{
+    add_device("a path longer than any short string", "a GUID longer than any short string");
+    expect_survives_without_memory(GET_DEVICES, [this] { return devices(); });
+    EXPECT_EQ(text(_devices),
+              "1|a path longer than any short string|a GUID longer than any short string");
 }
 
 TEST_F(get_devices, fail_at_an_identifier_that_is_no_integer)
@@ -548,6 +592,13 @@ TEST_F(get_params, are_none_in_a_transaction_that_sqlite_has_dropped)
     }
     EXPECT_REPORTS(params(), 0, step_report(SQLITE_ABORT_ROLLBACK, "abort due to ROLLBACK"));
     EXPECT_EQ(text(_params), "");
+}
+
+TEST_F(get_params, that_run_out_of_memory_say_so)
+{
+    add_params(device(1), {param("a path longer than any short string", "avg")});
+    expect_survives_without_memory(GET_PARAMS, [this] { return params(); });
+    EXPECT_EQ(text(_params), "1|a path longer than any short string|0|00100");
 }
 
 TEST_F(get_params, fail_at_a_value_of_the_wrong_type)

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "allocations.h"
 #include "expect.h"
 #include "faults.h"
 #include "log_fixture.h"
@@ -213,6 +214,27 @@ TEST_P(log_migration, that_is_interrupted_leaves_the_file_as_it_was)
         EXPECT_FALSE(_log.is_open()) << text;
         EXPECT_EQ(dump(FILE_NAME), before) << text;
     }
+}
+
+TEST_P(log_migration, that_runs_out_of_memory_leaves_the_file_as_it_was)
+{
+    const std::string before = dump(FILE_NAME);
+    bool reached = true;
+    for (size_t n = 1; reached; ++n) {
+        SCOPED_TRACE(n);
+        int result = 0;
+        const std::string said = capture_stderr([&] {
+            const allocations::fail_at fault(n);
+            result = open_without_wal(_log);
+            reached = fault.reached();
+        });
+        if (!reached) break;
+        EXPECT_EQ(result, -1);
+        EXPECT_THAT(said, testing::EndsWith(": Error: out of memory\n"));
+        EXPECT_FALSE(_log.is_open());
+        EXPECT_EQ(dump(FILE_NAME), before);
+    }
+    EXPECT_EQ(rows(FILE_NAME, VERSION), "2");
 }
 
 TEST_P(log_migration, whose_commit_is_refused_leaves_the_file_as_it_was)

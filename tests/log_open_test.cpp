@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "allocations.h"
 #include "expect.h"
 #include "faults.h"
 #include "log_fixture.h"
@@ -34,6 +35,9 @@ const std::string LOG_OPEN =
 const std::string DATABASE_OPEN =
     "int toolkit::trend::CDatabase::open(const tk_string&, size_t, bool, bool, bool, size_t, "
     "size_t, size_t, bool)";
+const std::string BEGIN = "int toolkit::trend::CDatabase::begin_transaction()";
+const std::string END = "int toolkit::trend::CDatabase::end_transaction()";
+const std::string OUT_OF_MEMORY = ": Error: out of memory\n";
 const std::string NOT_OPEN = ": Error: DB not open\n";
 
 const char* const CREATE_PERIODS =
@@ -392,9 +396,37 @@ TEST(log_open, reports_a_pool_for_which_there_is_no_memory)
     open_args args;
     args._pool_capacity = std::numeric_limits<size_t>::max();
     CLog log;
-    EXPECT_REPORTS(open_log(log, "new.db", args), -1, LOG_OPEN + ": Error: out of memory\n");
+    EXPECT_REPORTS(open_log(log, "new.db", args), -1, LOG_OPEN + OUT_OF_MEMORY);
     expect_closed(log);
     EXPECT_FALSE(fs::exists("new.db"));
+}
+
+TEST(log_open, that_runs_out_of_memory_anywhere_says_so_once_and_leaves_no_table)
+{
+    const std::string file = "new.db";
+    bool reached = true;
+    for (size_t n = 1; reached; ++n) {
+        SCOPED_TRACE(n);
+        run_sql(file, "");
+        CLog log;
+        int result = 0;
+        const std::string said = capture_stderr([&] {
+            const allocations::fail_at fault(n);
+            result = open_log(log, file, no_wal());
+            reached = fault.reached();
+        });
+        if (!reached) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(said, "");
+            EXPECT_GT(n, 10U);  // allocations there have been
+            break;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_THAT(said, testing::AnyOf(LOG_OPEN + OUT_OF_MEMORY, BEGIN + OUT_OF_MEMORY,
+                                         END + OUT_OF_MEMORY));
+        EXPECT_FALSE(log.is_open());
+        EXPECT_EQ(file_bytes(file), "");
+    }
 }
 
 TEST(log_open, returns_sqlites_code_for_a_file_that_cannot_be_opened)
@@ -686,6 +718,16 @@ TEST_F(log_vacuum, fails_inside_a_transaction_and_leaves_it_intact)
                    step_and_reset_report(SQLITE_ERROR, "cannot VACUUM from within a transaction"));
     EXPECT_QUIET(_log.end_transaction(), 0);
     EXPECT_EQ(rows(PERIODS), "5|100");
+}
+
+TEST_F(log_vacuum, that_runs_out_of_memory_says_so)
+{
+    const auto vacuum = [this] {
+        const allocations::fail_at fault(1);
+        return _log.vacuum();
+    };
+    EXPECT_REPORTS(vacuum(), -1, "int toolkit::trend::CLog::vacuum()" + OUT_OF_MEMORY);
+    EXPECT_QUIET(_log.vacuum(), 0);
 }
 
 TEST_F(log_vacuum, wants_an_open_log)
