@@ -6,26 +6,36 @@
 
 namespace toolkit::trend {
 
+namespace {
+
+constexpr size_t COLUMN_SIZE = sizeof(", param__actual") + MAX_DIGITS;  // at most
+
+}  // namespace
+
 void append_columns(tk_string& text, const CParamProperties& param)
 {
-    // The stem is the same for all columns: with hundreds of them per snapshot its digits count.
+    // Written in place, the digits once for all columns: a device has hundreds of them, and every
+    // snapshot names each one.
     const size_t start = text.size();
+    text.resize(start + AGGREGATES.size() * COLUMN_SIZE);
+    char* const begin = text.data() + start;
+    char* out = begin;
     size_t stem = 0;
     for (const aggregate_t& aggregate : AGGREGATES) {
         if (!(param.*aggregate._kept)) continue;
         if (stem == 0) {
-            append_sql(text, ", param_", param._index, "_");
-            stem = text.size() - start;
+            out = write_piece(write_piece(write_piece(out, ", param_"), param._index), "_");
+            stem = static_cast<size_t>(out - begin);
         } else {
-            text.append(text, start, stem);
+            out = write_piece(out, std::string_view(begin, stem));
         }
-        text.append(aggregate._name);
+        out = write_piece(out, aggregate._name);
     }
+    text.resize(start + static_cast<size_t>(out - begin));
 }
 
 size_t columns_size(const std::vector<CParamProperties>& params)
 {
-    constexpr size_t COLUMN_SIZE = sizeof(", param__actual") + MAX_DIGITS;
     return params.size() * AGGREGATES.size() * COLUMN_SIZE;
 }
 

@@ -10,13 +10,27 @@ namespace toolkit::trend {
 
 namespace {
 
-constexpr size_t FIXED_SIZE = 192;  // of what surrounds the columns in any of the texts
+constexpr size_t FIXED_SIZE = 192;  // of what surrounds the columns in any of the texts, at most
 
 tk_string text_for_columns(const std::vector<CParamProperties>& params)
 {
     tk_string text;
     text.reserve(FIXED_SIZE + columns_size(params));
     return text;
+}
+
+// Appends ",?" for every column of the parameters.
+void append_placeholders(tk_string& text, const std::vector<CParamProperties>& params)
+{
+    constexpr std::string_view PLACEHOLDER = ",?";
+    const size_t start = text.size();
+    text.resize(start + params.size() * AGGREGATES.size() * PLACEHOLDER.size());
+    char* const begin = text.data() + start;
+    char* out = begin;
+    for (const CParamProperties& param : params)
+        for (const aggregate_t& aggregate : AGGREGATES)
+            if (param.*aggregate._kept) out = write_piece(out, PLACEHOLDER);
+    text.resize(start + static_cast<size_t>(out - begin));
 }
 
 // One expression of the roll-up: what a column of the coarse row is made of.
@@ -62,9 +76,7 @@ tk_string insert_sample_text(int64_t device, unsigned long period,
     for (const CParamProperties& param : params)
         append_columns(text, param);
     append_sql(text, ") VALUES (?,?");
-    for (const CParamProperties& param : params)
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (param.*aggregate._kept) text.append(",?", 2);
+    append_placeholders(text, params);
     append_sql(text, ")");
     return text;
 }

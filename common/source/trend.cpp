@@ -145,13 +145,16 @@ int read_list(CDatabase& db, const tk_string& sql, int (*read_row)(const CStatem
     const stmt_wrapper_t stmt(db.stmt(sql, STMT_POOLED));
     if (!stmt) return -1;
 
-    records.clear();
+    // Records that are there already are filled again: their texts keep their memory.
+    size_t count = 0;
     int retval = 0;
-    while ((retval = stmt->step()) == 1) {
-        Record newprop;
-        if (const int failed = read_row(*stmt, newprop)) return failed;
-        records.push_back(std::move(newprop));
+    int failed = 0;
+    while (!failed && (retval = stmt->step()) == 1) {
+        if (count == records.size()) records.emplace_back();
+        failed = read_row(*stmt, records[count++]);
     }
+    records.resize(count);
+    if (failed) return failed;
     whole = retval == 0;
     return level.end();
 }
@@ -879,6 +882,34 @@ int CLog::recreate_trend_table(const CPeriodProperties& period, const CDevicePro
 
 namespace {
 
+// What recording works from. It is read afresh at every call, but into the memory of the thread's
+// last one: without it every snapshot would allocate a text per parameter. Borrowed while a call
+// lasts, so that one inside another (from a callback of SQLite's) gets an empty one of its own.
+class CRecordingLists {
+public:
+    CRecordingLists() { std::swap(_lists, kept()); }
+    ~CRecordingLists() { std::swap(_lists, kept()); }
+
+    CRecordingLists(const CRecordingLists&) = delete;
+    CRecordingLists& operator=(const CRecordingLists&) = delete;
+
+    struct lists_t {
+        std::vector<CPeriodProperties> _periods;
+        std::vector<unsigned long> _ratios;
+        std::vector<CParamProperties> _params;
+    };
+    lists_t* operator->() { return &_lists; }
+
+private:
+    static lists_t& kept()
+    {
+        thread_local lists_t lists;
+        return lists;
+    }
+
+    lists_t _lists;
+};
+
 // Inserts the snapshot into the table of `period`. The text depends on the selection of parameters,
 // so the pool keeps a statement for each that the host uses.
 int insert_sample(CDatabase& db, const CDeviceParams& data, const CSnapshot& snapshot,
@@ -921,12 +952,14 @@ int CLog::add_trend_data(const CDeviceParams& data, const CSnapshot& snapshot)
         CTransLevel level(*_db);
         if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
+        CRecordingLists lists;
+        std::vector<CPeriodProperties>& periods = lists->_periods;
         if (const int failed = read_all_periods(*_db, periods)) return failed;
         if (periods.empty()) return refuse(fn, "no configured periods");
-        std::vector<unsigned long> ratios;
+        std::vector<unsigned long>& ratios = lists->_ratios;
+        ratios.clear();
         if (const int failed = calc_period_ratios(periods, ratios)) return failed;
-        std::vector<CParamProperties> stored_params;
+        std::vector<CParamProperties>& stored_params = lists->_params;
         if (const int failed = read_all_params(*_db, data._device, stored_params)) return failed;
         if (stored_params.empty()) return refuse(fn, "no configured parameters");
 
