@@ -454,6 +454,19 @@ TEST_F(database_rollback, that_the_host_has_made_up_for_is_not_repeated)
     EXPECT_EQ(stored(), "2");
 }
 
+TEST_F(database_rollback, that_the_host_has_made_up_for_is_not_owed_any_more)
+{
+    leave_one_open();
+    raw("ROLLBACK");
+    ASSERT_EQ(_db.begin_transaction(), 0);
+    ASSERT_EQ(_db.end_transaction(), 0);
+
+    raw("BEGIN; INSERT INTO t VALUES(3)");
+    EXPECT_REPORTS(_db.begin_transaction(), -1, NESTED_BEGIN);
+    raw("COMMIT");
+    EXPECT_EQ(stored(), "3");
+}
+
 TEST_F(database_rollback, is_forgotten_by_the_next_open)
 {
     leave_one_open();
