@@ -103,7 +103,7 @@ private:
         operation_t op = of(kind_t::OPEN);
         op.name = "log.db";
         op.create = create;
-        op.capacity = _random.pick({1, 2, 3, 7, 30, 100});
+        op.capacity = _random.pick<uint64_t>({1, 2, 3, 7, 30, 100});
         return op;
     }
 
