@@ -400,7 +400,7 @@ TEST_F(fill_blank_values, run_that_has_lost_one_row_starts_anew)
 TEST_F(fill_blank_values, never_writes_after_now_whatever_the_table_keeps)
 {
     const CDeviceParams device = pump({{1, 1000}, {60, 100}});
-    for (const size_t entries : {1, 2, 5, 9, 20, 48, 49, 50, 51, 60})
+    for (const unsigned entries : {1u, 2u, 5u, 9u, 20u, 48u, 49u, 50u, 51u, 60u})
         for (const int gap : {59, 60, 61, 64, 70, 100, 119, 120, 121, 500}) {
             const time_t now = 6000 + gap * 60 + 17;
             ASSERT_EQ(_log.begin_transaction(), 0);
