@@ -14,7 +14,7 @@ stmt_ptr_t CStatementPool::get(const tk_string& str)
         TREND_ASSERT(retval);
         return retval;
     } catch (const cache_entry_not_found&) {
-        const stmt_ptr_t statement =
+        stmt_ptr_t statement =
             std::allocate_shared<CStatement>(std::allocator<CStatement>(), str, *_db);
         if (!statement->is_prepared()) return stmt_ptr_t();
         _cache.add_raw(str, statement);
