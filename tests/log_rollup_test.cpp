@@ -476,9 +476,8 @@ TEST_F(propagate_recent_samples, single_period_is_only_trimmed)
 
 TEST_F(propagate_recent_samples, table_holds_its_entries_and_ten_more_after_each_row)
 {
-    add_period(1, 100);
-    const CDeviceParams pump = add_device("pump", {param("u", "avg")});
-    for (int minute = 1; minute <= 130; ++minute) {
+    const CDeviceParams pump = with_minutes(105, {{1, 100}});
+    for (int minute = 106; minute <= 130; ++minute) {
         record_minutes(pump, minute, minute);
         EXPECT_EQ(rows("SELECT count(*), max(time) FROM trends_1_1"),
                   std::to_string(std::min(minute, 110)) + "|" + std::to_string(minute * 60));
@@ -512,6 +511,15 @@ TEST_F(propagate_recent_samples, survivors_stay_at_the_offsets_of_the_count)
     add_period(5, 100);
     EXPECT_QUIET(roll_up(pump, {{1, 1}, {5, 100}}), 0);
     EXPECT_EQ(rows("SELECT * FROM trends_1_5"), "840|100.0|12.0\n1140|100.0|17.0\n1200|100.0|20.0");
+}
+
+TEST_F(propagate_recent_samples, trim_that_takes_just_one_group_leaves_one_less)
+{
+    // Of 14 stragglers the trim leaves minutes 3 to 14.
+    const CDeviceParams pump = with_minutes(14, {{1, 100}});
+    add_period(2, 100);
+    EXPECT_QUIET(roll_up(pump, {{1, 2}, {2, 100}}), 0);
+    EXPECT_EQ(rows("SELECT time FROM trends_1_2"), "240\n360\n480\n600\n720\n840");
 }
 
 TEST_F(propagate_recent_samples, groups_without_rows_are_passed_over_and_recording_goes_on)
