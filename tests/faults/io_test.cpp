@@ -1,0 +1,69 @@
+// Every call of SQLite's to its VFS fails in turn, once or from then on, during every operation.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "disk.h"
+#include "sweep.h"
+#include "workers.h"
+
+namespace {
+
+struct io_failure_t {
+    const char* _name;
+    disk::call_t _call;
+    int _code;
+    bool _lasts;  // can go on failing; a lock that others hold for ever is waited for, for ever
+};
+
+const io_failure_t IO_FAILURES[] = {
+    {"read", disk::READ, SQLITE_IOERR_READ, true},
+    {"write", disk::WRITE, SQLITE_IOERR_WRITE, true},
+    {"write to a full disk", disk::WRITE, SQLITE_FULL, true},
+    {"short write", disk::SHORT_WRITE, SQLITE_IOERR_WRITE, true},
+    {"short write to a full disk", disk::SHORT_WRITE, SQLITE_FULL, true},
+    {"sync", disk::SYNC, SQLITE_IOERR_FSYNC, true},
+    {"truncate", disk::TRUNCATE, SQLITE_IOERR_TRUNCATE, true},
+    {"open", disk::OPEN, SQLITE_CANTOPEN, true},
+    {"delete", disk::DELETE, SQLITE_IOERR_DELETE, true},
+    {"size", disk::SIZE, SQLITE_IOERR_FSTAT, true},
+    {"access", disk::ACCESS, SQLITE_IOERR_ACCESS, true},
+    {"lock", disk::LOCK, SQLITE_IOERR_LOCK, true},
+    {"busy lock", disk::LOCK, SQLITE_BUSY, false},
+    {"unlock", disk::UNLOCK, SQLITE_IOERR_UNLOCK, true},
+    {"map shared memory", disk::SHM_MAP, SQLITE_IOERR_SHMMAP, true},
+    {"lock shared memory", disk::SHM_LOCK, SQLITE_IOERR_SHMLOCK, true},
+    {"busy shared memory", disk::SHM_LOCK, SQLITE_BUSY, false},
+};
+
+std::vector<fault_t> io_faults()
+{
+    std::vector<fault_t> faults;
+    for (const io_failure_t& failure : IO_FAILURES) {
+        for (const bool persistent : {false, true}) {
+            if (persistent && !failure._lasts) continue;
+            const auto arm = [&failure, persistent](size_t n) {
+                disk::arm(failure._call, failure._code, n, persistent);
+            };
+            faults.push_back(
+                {std::string(failure._name) + (persistent ? " from" : " at"), arm, disk::disarm});
+        }
+    }
+    return faults;
+}
+
+}  // namespace
+
+TEST(io, every_call_fails_during_every_operation)
+{
+    install_faults();
+    const std::vector<fault_t> faults = io_faults();
+    const tally_t tally = run_jobs(sweep_jobs(faults), 20);
+    std::printf("I/O points: %zu swept, %zu failing\n", tally._points, tally._failures.size());
+    EXPECT_GE(tally._points, 25000U);
+    EXPECT_TRUE(tally._failures.empty()) << tally.failures();
+}
