@@ -9,7 +9,8 @@ build_preset() {
     local preset=$1
     shift
 
-    local packages=(cmake ninja-build g++ libsqlite3-dev libgtest-dev libgmock-dev)
+    local packages=(cmake ninja-build g++ libsqlite3-dev libgtest-dev libgmock-dev
+        libbenchmark-dev)
     case $preset in
         clang) packages+=(clang) ;;
         sanitize) packages+=(clang libclang-rt-14-dev llvm) ;;

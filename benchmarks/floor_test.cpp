@@ -1,0 +1,135 @@
+// The floor does what the library does: the same statements with the same values in the same order,
+// which leave the same file.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "floor_side.h"
+#include "library_side.h"
+#include "plant.h"
+#include "rows.h"
+#include "trace.h"
+
+namespace {
+
+// Short enough that every table is trimmed within a few hundred snapshots.
+plant_t small_plant()
+{
+    plant_t plant{2, 3};
+    plant._periods = {{1, 30}, {5, 20}, {20, 6}};
+    return plant;
+}
+
+template <typename Side, typename Work>
+texts_t statements_of_work(const std::string& file, const plant_t& plant, Work work)
+{
+    make_log(file, plant);
+    Side side(file, plant);
+    statement_trace trace;
+    work(side);
+    return trace.expanded();
+}
+
+template <typename Work>
+void expect_same(const plant_t& plant, Work work)
+{
+    const texts_t library = statements_of_work<library_side>("library.db", plant, work);
+    const texts_t floor = statements_of_work<floor_side>("floor.db", plant, work);
+    EXPECT_GT(library.size(), 2U);
+    EXPECT_EQ(library, floor);
+    EXPECT_EQ(dump("library.db"), dump("floor.db"));
+}
+
+template <typename Side>
+void record_minutes(Side& side, const plant_t& plant, int64_t minutes)
+{
+    toolkit::trend::CSnapshot snapshot = empty_snapshot(plant);
+    for (int64_t minute = 1; minute <= minutes; ++minute) {
+        measure(snapshot, minute);
+        for (size_t device = 0; device < plant._devices; ++device)
+            side.record(device, snapshot);
+    }
+}
+
+TEST(floor_side, records_by_the_librarys_statements_with_a_commit_each)
+{
+    const plant_t plant = small_plant();
+    expect_same(plant, [&](auto& side) { record_minutes(side, plant, 25); });
+    EXPECT_EQ("25", rows("floor.db", "SELECT count(*) FROM trends_2_1"));
+}
+
+TEST(floor_side, records_by_the_librarys_statements_until_every_table_is_trimmed)
+{
+    const plant_t plant = small_plant();
+    expect_same(plant, [&](auto& side) {
+        side.begin();
+        record_minutes(side, plant, 400);
+        side.end();
+    });
+    // Each table has ten rows more than its period's number.
+    EXPECT_EQ("40", rows("floor.db", "SELECT count(*) FROM trends_2_1"));
+    EXPECT_EQ("30", rows("floor.db", "SELECT count(*) FROM trends_2_5"));
+    EXPECT_EQ("16", rows("floor.db", "SELECT count(*) FROM trends_2_20"));
+}
+
+TEST(floor_side, goes_on_after_a_history_by_the_librarys_statements)
+{
+    const plant_t plant = small_plant();
+    const auto work = [&](auto& side) {
+        toolkit::trend::CSnapshot snapshot = empty_snapshot(plant);
+        for (int64_t minute = 1; minute <= 45; ++minute) {
+            measure(snapshot, history_end(plant) + minute);
+            side.record(1, snapshot);
+        }
+    };
+    for (const char* file : {"library.db", "floor.db"}) {
+        make_log(file, plant);
+        add_history(file, plant);
+    }
+    library_side library("library.db", plant);
+    floor_side floor("floor.db", plant);
+    work(library);
+    work(floor);
+    EXPECT_EQ(dump("library.db"), dump("floor.db"));
+}
+
+TEST(floor_side, fills_by_the_librarys_statements)
+{
+    const plant_t plant = small_plant();
+    expect_same(plant, [&](auto& side) {
+        record_minutes(side, plant, 3);
+        for (int64_t minute : {4, 11, 60, 1000})
+            side.fill(0, 60 * minute);
+    });
+}
+
+TEST(floor_side, reads_by_the_librarys_statements)
+{
+    const plant_t plant = small_plant();
+    const auto work = [&](auto& side) {
+        record_minutes(side, plant, 100);
+        for (bool no_overlap : {false, true})
+            for (const timebounds_t& bounds :
+                 {timebounds_t(-1, -1), timebounds_t(1200, -1), timebounds_t(1200, 4800)}) {
+                EXPECT_GT(side.read(0, 3, bounds, no_overlap), 10U);
+                EXPECT_GT(side.sum_of_values(), 0.0);
+            }
+    };
+    expect_same(plant, work);
+}
+
+TEST(floor_side, reads_the_same_values)
+{
+    const plant_t plant = small_plant();
+    make_log("a.db", plant);
+    add_history("a.db", plant);
+    library_side library("a.db", plant);
+    floor_side floor("a.db", plant);
+    EXPECT_EQ(40U + 30U + 16U, library.read(0, 3, {-1, -1}, false));
+    EXPECT_EQ(40U + 30U + 16U, floor.read(0, 3, {-1, -1}, false));
+    EXPECT_EQ(library.sum_of_values(), floor.sum_of_values());
+}
+
+}  // namespace

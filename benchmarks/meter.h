@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+
+// What a process costs besides time.
+
+// The most memory that was resident at once since the last call of forget_peak_memory(), in bytes;
+// 0 where the system does not tell.
+int64_t peak_memory();
+void forget_peak_memory();
+// What is resident now.
+int64_t resident_memory();
+
+// Bytes handed to write calls by this process so far, into memory maps not counted; 0 where the
+// system does not tell.
+int64_t bytes_written();
+
+// While one lives, fsync() and fdatasync() do nothing: the time that a disk takes is not the
+// program's.
+class without_sync {
+public:
+    explicit without_sync(bool active = true);
+    ~without_sync();
+
+    without_sync(const without_sync&) = delete;
+    without_sync& operator=(const without_sync&) = delete;
+
+private:
+    bool _before;
+};

@@ -1,0 +1,351 @@
+// The benchmarks. Each is named by its case and by who does the work, "record_1x8/library": cases
+// with a floor are run by both, in a file of their own each. An iteration is one transaction or one
+// call; the counter `items` says how many snapshots, rows or calls it stands for.
+//
+// Every benchmark checks what it has done, and counters tell a checksum of the file or of the
+// values read, which must be the same for all sides of a case. With --brief everything runs for a
+// moment only.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+
+#include "floor_side.h"
+#include "library_side.h"
+#include "meter.h"
+#include "plant.h"
+
+namespace {
+
+bool brief = false;
+bool anything_failed = false;
+std::map<std::string, double> results;  // by case
+
+void want(bool fine, const char* what)
+{
+    if (!fine) throw std::runtime_error(what);
+}
+
+// A file of its own in the current folder, gone afterwards.
+class scratch_file {
+public:
+    scratch_file() { remove_all(); }
+    ~scratch_file() { remove_all(); }
+
+    scratch_file(const scratch_file&) = delete;
+    scratch_file& operator=(const scratch_file&) = delete;
+
+    const std::string _name = "trend_bench.db";
+
+private:
+    void remove_all() const
+    {
+        for (const char* suffix : {"", "-wal", "-shm"})
+            std::remove((_name + suffix).c_str());
+    }
+};
+
+// What the timed part of a benchmark costs besides time, as counters.
+class cost_t {
+public:
+    cost_t()
+    {
+        forget_peak_memory();
+        _resident = resident_memory();
+        _written = bytes_written();
+    }
+
+    void stop()
+    {
+        _written = bytes_written() - _written;
+        _peak = peak_memory();
+    }
+
+    void tell(benchmark::State& state, size_t items) const
+    {
+        const auto per_iteration = static_cast<double>(items);
+        const auto all = per_iteration * static_cast<double>(state.iterations());
+        state.counters["items"] = per_iteration;
+        state.counters["bytes_per_item"] = static_cast<double>(_written) / all;
+        state.counters["peak"] = static_cast<double>(_peak);
+        state.counters["peak_growth"] = static_cast<double>(_peak - _resident);
+    }
+
+private:
+    int64_t _resident = 0;
+    int64_t _written = 0;
+    int64_t _peak = 0;
+};
+
+// All sides of a case that have done the same number of iterations must come to the same result.
+void compare(benchmark::State& state, const std::string& name, double result)
+{
+    state.counters["result"] = result;
+    const auto known = results.emplace(name, result).first;
+    want(known->second == result, "the sides of this case have different results");
+}
+
+// Recording ------------------------------------------------------------------------------------
+
+struct recording_t {
+    const char* _name;
+    plant_t _plant;
+    bool _history;      // begin with full tables
+    int _minutes_each;  // snapshots of every device in a transaction, 0 for a commit each
+    int64_t _warm_up;   // minutes recorded before anything is measured
+    int64_t _iterations;
+    bool _sync = true;
+    size_t _pool_capacity = 0;
+};
+
+template <typename Side>
+void record_minute(Side& side, const plant_t& plant, toolkit::trend::CSnapshot& snapshot,
+                   int64_t minute)
+{
+    measure(snapshot, minute);
+    for (size_t device = 0; device < plant._devices; ++device)
+        side.record(device, snapshot);
+}
+
+template <typename Side>
+void record(benchmark::State& state, Side& side, const recording_t& job)
+{
+    const plant_t& plant = job._plant;
+    toolkit::trend::CSnapshot snapshot = empty_snapshot(plant);
+    int64_t minute = job._history ? history_end(plant) : 0;
+    side.begin();
+    for (int64_t i = 0; i < job._warm_up; ++i)
+        record_minute(side, plant, snapshot, ++minute);
+    side.end();
+
+    cost_t cost;
+    for (auto _ : state) {
+        if (job._minutes_each == 0) {
+            record_minute(side, plant, snapshot, ++minute);
+        } else {
+            side.begin();
+            for (int i = 0; i < job._minutes_each; ++i)
+                record_minute(side, plant, snapshot, ++minute);
+            side.end();
+        }
+    }
+    cost.stop();
+    cost.tell(state, plant._devices * static_cast<size_t>(std::max(job._minutes_each, 1)));
+}
+
+// Every table of the last device ends where it should; the finest holds every row or is full.
+void check_recorded(const scratch_file& file, const recording_t& job, int64_t iterations)
+{
+    const plant_t& plant = job._plant;
+    const int64_t recorded =
+        job._warm_up + iterations * static_cast<int64_t>(std::max(job._minutes_each, 1));
+    const std::string table = "trends_" + std::to_string(plant._devices) + "_1";
+    const int64_t rows = count_rows(file._name, table);
+    if (!job._history) {
+        want(rows == recorded, "not every snapshot has a row");
+        return;
+    }
+    const auto full = static_cast<int64_t>(plant._periods[0]._max_entries) + 10;
+    want(rows >= full && rows < full + 15, "the finest table is not trimmed");
+    const int64_t last = 60 * (history_end(plant) + recorded);
+    want(count_rows(file._name, table + " WHERE time = " + std::to_string(last)) == 1,
+         "the last snapshot has no row");
+}
+
+template <typename Side>
+void run_recording(benchmark::State& state, const recording_t& job)
+{
+    const scratch_file file;
+    const without_sync quick(!job._sync);
+    make_log(file._name, job._plant);
+    if (job._history) add_history(file._name, job._plant);
+    {
+        if constexpr (std::is_same_v<Side, library_side>) {
+            Side side(file._name, job._plant, job._pool_capacity);
+            record(state, side, job);
+        } else {
+            Side side(file._name, job._plant);
+            record(state, side, job);
+        }
+    }
+    check_recorded(file, job, static_cast<int64_t>(state.iterations()));
+    compare(state, job._name, checksum(file._name));
+}
+
+// Filling --------------------------------------------------------------------------------------
+
+struct filling_t {
+    const char* _name;
+    plant_t _plant;
+    int64_t _minutes;  // the gap that each call fills
+    int64_t _iterations;
+};
+
+template <typename Side>
+void run_filling(benchmark::State& state, const filling_t& job)
+{
+    const scratch_file file;
+    make_log(file._name, job._plant);
+    add_history(file._name, job._plant);
+    {
+        const without_sync quick;
+        Side side(file._name, job._plant);
+        int64_t now = history_end(job._plant);
+        side.fill(0, 60 * (now += job._minutes));
+        cost_t cost;
+        for (auto _ : state)
+            side.fill(0, 60 * (now += job._minutes));
+        cost.stop();
+        cost.tell(state, 1);
+
+        const int64_t last_gap = 60 * (now - job._minutes);
+        want(count_rows(file._name, "trends_1_1 WHERE percent_valid = 1 AND time > " +
+                                        std::to_string(last_gap)) == job._minutes,
+             "the gap is not filled");
+    }
+    compare(state, job._name, checksum(file._name));
+}
+
+// Reading --------------------------------------------------------------------------------------
+
+struct reading_t {
+    const char* _name;
+    plant_t _plant;
+    size_t _periods;
+    bool _one_day;  // the last day, instead of everything
+    bool _no_overlap;
+    int64_t _iterations;
+};
+
+size_t rows_to_read(const reading_t& job)
+{
+    if (job._one_day) return 1440 + 1;  // both ends
+    size_t rows = 0;
+    for (size_t i = 0; i < job._periods; ++i)
+        rows += static_cast<size_t>(job._plant._periods[i]._max_entries) + 10;
+    return rows;
+}
+
+template <typename Side>
+void run_reading(benchmark::State& state, const reading_t& job)
+{
+    const scratch_file file;
+    make_log(file._name, job._plant);
+    add_history(file._name, job._plant);
+
+    Side side(file._name, job._plant);
+    const time_t end = static_cast<time_t>(60 * history_end(job._plant));
+    const timebounds_t bounds(job._one_day ? end - 86400 : -1, -1);
+    size_t rows = side.read(0, job._periods, bounds, job._no_overlap);
+    const double sum = side.sum_of_values();
+    side.read(0, job._periods, {0, 0}, false);  // lets go of what was read
+
+    cost_t cost;
+    for (auto _ : state) {
+        rows = side.read(0, job._periods, bounds, job._no_overlap);
+        benchmark::DoNotOptimize(rows);
+    }
+    cost.stop();
+    cost.tell(state, rows);
+    state.counters["records"] = static_cast<double>(side.bytes_of_records());
+
+    want(job._no_overlap || rows == rows_to_read(job), "not every row was read");
+    want(side.sum_of_values() == sum, "two reads gave different values");
+    compare(state, job._name, sum + static_cast<double>(rows));
+}
+
+// The list -------------------------------------------------------------------------------------
+
+void add(const std::string& name, int64_t iterations,
+         const std::function<void(benchmark::State&)>& run)
+{
+    const auto guarded = [run](benchmark::State& state) {
+        try {
+            run(state);
+        } catch (const std::exception& failure) {
+            anything_failed = true;
+            state.SkipWithError(failure.what());
+        }
+    };
+    benchmark::RegisterBenchmark(name.c_str(), guarded)
+        ->Iterations(brief ? 2 : iterations)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseRealTime();
+}
+
+template <typename Job, typename Run>
+void add_sides(const Job& job, Run library, Run floor)
+{
+    const std::string name = job._name;
+    add(name + "/library", job._iterations, [=](benchmark::State& state) { library(state, job); });
+    add(name + "/floor", job._iterations, [=](benchmark::State& state) { floor(state, job); });
+}
+
+plant_t with_fine_rows(size_t devices, size_t params, size_t rows)
+{
+    plant_t plant{devices, params};
+    plant._periods[0]._max_entries = rows;
+    return plant;
+}
+
+void add_recording(const recording_t& job)
+{
+    add_sides(job, run_recording<library_side>, run_recording<floor_side>);
+}
+
+void add_all()
+{
+    const int64_t day = brief ? 30 : 1500;  // a little more, so that everything has happened once
+    add_recording({"record_1x8", {1, 8}, true, 100, day, 200});
+    add_recording({"record_1x100", {1, 100}, true, 100, day, 30});
+    add_recording({"record_1x8_commit_each", {1, 8}, true, 0, day, 8000, false});
+    add_recording({"record_1000x8_tick", {size_t(brief ? 20 : 1000), 8}, false, 1, 16, 45});
+
+    const recording_t million = {"record_1x8_million_rows",
+                                 with_fine_rows(1, 8, brief ? 10000 : 1000000),
+                                 true,
+                                 100,
+                                 day,
+                                 200};
+    add_recording(million);
+
+    for (const filling_t& job :
+         {filling_t{"fill_day", {1, 8}, 1440, 20},
+          filling_t{"fill_month", with_fine_rows(1, 8, 43200), 43200, brief ? 1 : 5}})
+        add_sides(job, run_filling<library_side>, run_filling<floor_side>);
+
+    for (const reading_t& job : {reading_t{"read_8", {1, 8}, 3, false, false, 20},
+                                 reading_t{"read_100", {1, 100}, 3, false, false, 4},
+                                 reading_t{"read_8_no_overlap", {1, 8}, 3, false, true, 20},
+                                 reading_t{"read_8_one_period", {1, 8}, 1, false, false, 20},
+                                 reading_t{"read_8_day", {1, 8}, 1, true, false, 20},
+                                 reading_t{"read_100_day", {1, 100}, 1, true, false, 4}})
+        add_sides(job, run_reading<library_side>, run_reading<floor_side>);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "--brief") == 0) {
+            brief = true;
+            std::copy(argv + i + 1, argv + argc, argv + i);
+            --argc;
+            break;
+        }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    add_all();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return anything_failed ? 1 : 0;
+}
