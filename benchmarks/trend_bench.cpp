@@ -22,6 +22,9 @@
 #include "library_side.h"
 #include "meter.h"
 #include "plant.h"
+#ifdef TREND_BENCH_RRD
+#include "rrd_side.h"
+#endif
 
 namespace {
 
@@ -180,6 +183,22 @@ void run_recording(benchmark::State& state, const recording_t& job)
     compare(state, job._name, checksum(file._name));
 }
 
+#ifdef TREND_BENCH_RRD
+void run_rrd(benchmark::State& state, const recording_t& job)
+{
+    const int64_t begin = history_end(job._plant);
+    rrd_side side(job._plant, begin);
+    record(state, side, job);
+
+    const int64_t recorded =
+        job._warm_up + static_cast<int64_t>(state.iterations()) * std::max(job._minutes_each, 1);
+    toolkit::trend::CSnapshot last = empty_snapshot(job._plant);
+    measure(last, begin + recorded);
+    want(side.stored_average(job._plant._devices - 1, last._time) == *last._samples[0]._avg,
+         "the last snapshot is not stored");
+}
+#endif
+
 // Filling --------------------------------------------------------------------------------------
 
 struct filling_t {
@@ -315,7 +334,20 @@ void add_all()
                                  100,
                                  day,
                                  200};
-    add_recording(million);
+    add("record_1x8_million_rows/library", million._iterations,
+        [=](benchmark::State& state) { run_recording<library_side>(state, million); });
+
+    // The peer's jobs: a call each, and a durable minute of a hundred devices.
+    const plant_t hundred{size_t(brief ? 5 : 100), 8};
+    const recording_t durable = {"record_100x8_durable", hundred, true, 1, 16, 60};
+    add("record_100x8_durable/library", durable._iterations,
+        [=](benchmark::State& state) { run_recording<library_side>(state, durable); });
+#ifdef TREND_BENCH_RRD
+    for (const recording_t& job : {recording_t{"record_1x8_rrd", {1, 8}, true, 0, day, 8000},
+                                   recording_t{"record_100x8_rrd", hundred, true, 1, 16, 60}})
+        add(std::string(job._name) + "/librrd", job._iterations,
+            [=](benchmark::State& state) { run_rrd(state, job); });
+#endif
 
     for (const filling_t& job :
          {filling_t{"fill_day", {1, 8}, 1440, 20},

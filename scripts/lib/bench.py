@@ -1,0 +1,127 @@
+"""Runs the benchmarks in pairs and prints one table of ratios.
+
+    bench.py TREND_BENCH [--rounds N] [--only TEXT]
+
+Each side of a pair runs in a process of its own, once a round, the sides taking turns at being
+first. A ratio is the median over the rounds of the ratio of their times; beside it stand the
+smallest and the largest.
+"""
+
+import argparse
+import collections
+import json
+import statistics
+import subprocess
+import sys
+import tempfile
+
+# What is compared with what: (text, numerator, denominator, time, goal or None). Times are those
+# of the processor ("cpu") or of the wall clock ("real").
+PAIRS = [
+    ("1x8, 100 a commit", "record_1x8/library", "record_1x8/floor", "cpu", 1.15),
+    ("1x100, 100 a commit", "record_1x100/library", "record_1x100/floor", "cpu", 1.20),
+    ("1x8, a commit each, no fsync", "record_1x8_commit_each/library",
+     "record_1x8_commit_each/floor", "cpu", 1.10),
+    ("1000x8, a commit per minute", "record_1000x8_tick/library", "record_1000x8_tick/floor",
+     "cpu", 1.15),
+    ("1,000,000 fine rows against 1,440", "record_1x8_million_rows/library",
+     "record_1x8/library", "real", 1.10),
+    ("read all of three periods, 8 params", "read_8/library", "read_8/floor", "cpu", 1.00),
+    ("read all of three periods, 100 params", "read_100/library", "read_100/floor", "cpu", 1.00),
+    ("the same without overlap, 8 params", "read_8_no_overlap/library", "read_8_no_overlap/floor",
+     "cpu", None),
+    ("read all of one period, 8 params", "read_8_one_period/library", "read_8_one_period/floor",
+     "cpu", None),
+    ("read one day, 8 params", "read_8_day/library", "read_8_day/floor", "cpu", None),
+    ("read one day, 100 params", "read_100_day/library", "read_100_day/floor", "cpu", None),
+    ("fill a day", "fill_day/library", "fill_day/floor", "cpu", None),
+    ("fill 30 days", "fill_month/library", "fill_month/floor", "cpu", 1.10),
+    ("1x8, a call each, against librrd", "record_1x8_commit_each/library", "record_1x8_rrd/librrd",
+     "cpu", 0.60),
+    ("100x8, a durable minute, against librrd", "record_100x8_durable/library",
+     "record_100x8_rrd/librrd", "cpu", 0.80),
+]
+
+
+def run(program, name):
+    """The result of one benchmark in a process and a folder of its own."""
+    with tempfile.TemporaryDirectory(prefix="trend-bench-") as folder:
+        done = subprocess.run(
+            [program, f"--benchmark_filter=^{name}/iterations", "--benchmark_format=json"],
+            cwd=folder, capture_output=True, text=True, check=False)
+    if done.returncode != 0 or '"iterations"' not in done.stdout:
+        sys.exit(f"{name} failed:\n{done.stdout}{done.stderr}")
+    return json.loads(done.stdout)["benchmarks"][0]
+
+
+def time_of(result, clock):
+    """Microseconds per item."""
+    return result[clock + "_time"] / result["items"]
+
+
+def table(rows):
+    widths = [max(len(row[i]) for row in rows) for i in range(len(rows[0]))]
+    for row in rows:
+        cells = [row[0].ljust(widths[0])]
+        cells += [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
+        print("  ".join(cells).rstrip())
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("program")
+    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--only", default="", help="only pairs whose benchmarks contain this")
+    options = parser.parse_args()
+
+    known = subprocess.run([options.program, "--benchmark_list_tests"], capture_output=True,
+                           text=True, check=True).stdout
+    known = {line.rsplit("/iterations", 1)[0] for line in known.split()}
+    pairs = [pair for pair in PAIRS if options.only in pair[1] + " " + pair[2]]
+    skipped = [pair[0] for pair in pairs if not {pair[1], pair[2]} <= known]
+    pairs = [pair for pair in pairs if pair[0] not in skipped]
+
+    results = collections.defaultdict(list)
+    ratios = collections.defaultdict(list)
+    for number in range(options.rounds):
+        for text, above, below, clock, _ in pairs:
+            sides = (above, below) if number % 2 == 0 else (below, above)
+            got = {name: run(options.program, name) for name in sides}
+            # Who records the same history, or reads the same rows, has the same result.
+            if above.split("/")[0] == below.split("/")[0]:
+                if got[above]["result"] != got[below]["result"]:
+                    sys.exit(f"{above} and {below} came to different results")
+            for name in sides:
+                results[name].append(got[name])
+            ratios[text].append(time_of(got[above], clock) / time_of(got[below], clock))
+            print(".", end="", file=sys.stderr, flush=True)
+    print(file=sys.stderr)
+
+    rows = [("case", "clock", "us", "against", "ratio", "min", "max", "goal", "")]
+    for text, above, below, clock, goal in pairs:
+        ratio = statistics.median(ratios[text])
+        times = [statistics.median(time_of(r, clock) for r in results[name])
+                 for name in (above, below)]
+        rows.append((text, clock, f"{times[0]:.2f}", f"{times[1]:.2f}", f"{ratio:.2f}",
+                     f"{min(ratios[text]):.2f}", f"{max(ratios[text]):.2f}",
+                     "" if goal is None else f"{goal:.2f}",
+                     "" if goal is None else "reached" if ratio <= goal else "missed"))
+    print("Time per snapshot, row read or call, microseconds:\n")
+    table(rows)
+
+    rows = [("benchmark", "written per item", "peak KB", "growth KB", "records KB")]
+    for name, runs in results.items():
+        last = runs[-1]
+        records = f"{last['records'] / 1024:.0f}" if "records" in last else ""
+        rows.append((name, f"{last['bytes_per_item']:.0f}",
+                     f"{statistics.median(r['peak'] for r in runs) / 1024:.0f}",
+                     f"{statistics.median(r['peak_growth'] for r in runs) / 1024:.0f}", records))
+    print("\nBytes in write calls, and memory (peak of the process, how far it grew in the timed"
+          " part, what the records read take):\n")
+    table(rows)
+    for text in skipped:
+        print(f"\nNot run, not in this build: {text}")
+
+
+if __name__ == "__main__":
+    main()
