@@ -25,6 +25,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# What libraries need in turn is there as well.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${arm_root}/usr/lib/arm-linux-gnueabihf")
+
 set(CMAKE_CROSSCOMPILING_EMULATOR
     qemu-arm -L /usr/arm-linux-gnueabihf
     -E "LD_LIBRARY_PATH=${arm_root}/usr/lib/arm-linux-gnueabihf")
