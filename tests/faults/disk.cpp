@@ -43,6 +43,7 @@ struct handle_t {
     file_ptr_t _file;
     std::string _name;  // empty for a temporary file
     bool _delete_on_close;
+    bool _sync_folder;  // with the first sync of a journal its folder is synced
     int _lock;
     bool _mapped;
     unsigned int _shm_shared;  // a bit per lock
@@ -162,7 +163,8 @@ int sync(sqlite3_file* file, int)
 {
     const memory::unfailing inside;
     if (const int failed = failure(SYNC)) return failed;
-    write_down({event_t::SYNCED, of(file)._name, 0, ""});
+    write_down({event_t::SYNCED, of(file)._name, 0, "", of(file)._sync_folder});
+    of(file)._sync_folder = false;
     return SQLITE_OK;
 }
 
@@ -332,6 +334,8 @@ int open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out
                         found,
                         name == nullptr ? "" : name,
                         name != nullptr && (flags & SQLITE_OPEN_DELETEONCLOSE) != 0,
+                        (flags & SQLITE_OPEN_CREATE) != 0 &&
+                            (flags & (SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_WAL)) != 0,
                         SQLITE_LOCK_NONE,
                         false,
                         0,

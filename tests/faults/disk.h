@@ -63,7 +63,7 @@ struct event_t {
     std::string _file;
     size_t _offset = 0;  // of the bytes written; the size after truncation; the number of a mark
     std::string _bytes;
-    bool _durable = false;  // a deletion that has reached the medium
+    bool _durable = false;  // a deletion or sync with which all deletions have reached the medium
 };
 
 // Writes events down until stop_recording() hands them over. mark() puts a number among them.

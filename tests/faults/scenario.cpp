@@ -426,6 +426,25 @@ int prepare(CLog& log, const setting_t& setting)
     return 0;
 }
 
+void build_up(CLog& log, const std::function<void(int)>& acknowledge)
+{
+    acknowledge(log.add_period({1, 12}));
+    acknowledge(log.add_period({5, 8}));
+    for (const CDeviceProperties& stored : {pump(), bystander()}) {
+        CDeviceProperties added = stored;
+        acknowledge(log.add_device(added));
+        std::vector<CParamProperties> params = pump_params();
+        acknowledge(log.add_params(added, params));
+    }
+    acknowledge(log.add_period({15, 4}));
+    for (time_t time = 60; time <= LAST_ROW; time += 60) {
+        acknowledge(record(log, pump(), pump_params(), time));
+        if (time % 300 == 0) acknowledge(record(log, bystander(), pump_params(), time));
+    }
+    acknowledge(log.checkpoint());
+    acknowledge(record(log, pump(), pump_params(), LAST_ROW + 60));
+}
+
 int record_elsewhere(CLog& log)
 {
     return record(log, bystander(), pump_params(1, 1), LAST_ROW + 120);

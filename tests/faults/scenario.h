@@ -3,6 +3,7 @@
 // Every operation that changes or reads a log, each as a step on a prepared file, and the views of
 // the file that a step must leave as they were or as they should be.
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,9 @@ const disk::image_t& base_image(step_t::base_t base, bool wal);
 
 // Opens the log as the setting wants it, ready for the step.
 int prepare(toolkit::trend::CLog& log, const setting_t& setting);
+
+// Configures an empty log and records in it, calling `acknowledge` with each result.
+void build_up(toolkit::trend::CLog& log, const std::function<void(int)>& acknowledge);
 
 // Records one row on a device that no step touches: whether the log still works.
 int record_elsewhere(toolkit::trend::CLog& log);
