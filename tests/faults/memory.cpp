@@ -71,6 +71,9 @@ unfailing::~unfailing() { armed = _was; }
 
 }  // namespace memory
 
+// AddressSanitizer has its own, which see more.
+#ifndef __SANITIZE_ADDRESS__
+
 // Kept from being inlined, or a compiler that sees free() behind what came from new would warn.
 
 __attribute__((noinline)) void* operator new(size_t size)
@@ -92,3 +95,5 @@ __attribute__((noinline)) void operator delete(void* block, size_t) noexcept
 {
     operator delete(block);
 }
+
+#endif

@@ -1,0 +1,43 @@
+#pragma once
+
+// A host that records minute by minute and may be killed at any moment, and what its file must hold
+// whatever happened: the value of every row follows from its time.
+
+#include <cstddef>
+#include <string>
+
+#include "trend_api.h"
+
+namespace recorder {
+
+// Opens the log and stores what is missing of periods, device and parameters, as a host does after
+// every start. -1 when a call fails; call it again then.
+int start(toolkit::trend::CLog& log, const std::string& file, bool wal, const std::string& device,
+          toolkit::trend::CDeviceParams& data);
+
+// Records the row of the n-th minute.
+int record(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data, size_t minute);
+
+// The newest minute that the log has, 0 when there is none; -1 when it can't be read.
+long newest(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data);
+
+// Whether the device's rows are what recording up to the newest minute has to leave: without gaps,
+// values and roll-ups right, none missing. Empty, or what is wrong.
+std::string wrong_rows(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data);
+
+// What SQLite finds wrong with the file; empty when nothing is.
+std::string damage(const std::string& file);
+
+// An empty folder in memory if there is one, as its name with a slash, removed by the destructor.
+class folder_t {
+public:
+    folder_t();
+    ~folder_t();
+
+    folder_t(const folder_t&) = delete;
+    folder_t& operator=(const folder_t&) = delete;
+
+    const std::string _path;
+};
+
+}  // namespace recorder
