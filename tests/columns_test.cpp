@@ -32,7 +32,7 @@ std::vector<std::string> names_of(const CParamProperties& param)
 std::string appended(const CParamProperties& param)
 {
     tk_string text = "time";
-    append_columns(text, param);
+    append_columns(text, {param});
     return text;
 }
 

@@ -1,6 +1,8 @@
 #include "columns.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 
 #include "sqlformat.h"
 
@@ -10,28 +12,46 @@ namespace {
 
 constexpr size_t COLUMN_SIZE = sizeof(", param__actual") + MAX_DIGITS;  // at most
 
+// What a column's name is made of, in blocks of fixed size: such a copy takes an instruction or
+// two, one of the true length a call. Each piece overwrites what the block before had too much.
+constexpr size_t STEM_BLOCK = 32;
+constexpr size_t NAME_BLOCK = 8;
+static_assert(sizeof(", param__") + MAX_DIGITS <= STEM_BLOCK);
+
+using name_block_t = std::array<char, NAME_BLOCK>;
+
+constexpr std::array<name_block_t, AGGREGATES.size()> name_blocks()
+{
+    std::array<name_block_t, AGGREGATES.size()> blocks{};
+    for (size_t i = 0; i < blocks.size(); ++i)
+        for (size_t k = 0; k < AGGREGATES[i]._name.size(); ++k)
+            blocks[i][k] = AGGREGATES[i]._name[k];
+    return blocks;
+}
+
 }  // namespace
 
-void append_columns(tk_string& text, const CParamProperties& param)
+void append_columns(tk_string& text, const std::vector<CParamProperties>& params)
 {
-    // Written in place, the digits once for all columns: a device has hundreds of them, and every
-    // snapshot names each one.
+    // Written in place: a device has hundreds of columns, and every snapshot names each one.
+    static constexpr auto NAMES = name_blocks();
     const size_t start = text.size();
-    text.resize(start + AGGREGATES.size() * COLUMN_SIZE);
-    char* const begin = text.data() + start;
-    char* out = begin;
-    size_t stem = 0;
-    for (const aggregate_t& aggregate : AGGREGATES) {
-        if (!(param.*aggregate._kept)) continue;
-        if (stem == 0) {
-            out = write_piece(write_piece(write_piece(out, ", param_"), param._index), "_");
-            stem = static_cast<size_t>(out - begin);
-        } else {
-            out = write_piece(out, std::string_view(begin, stem));
+    text.resize(start + columns_size(params) + STEM_BLOCK + NAME_BLOCK);
+    char* out = text.data() + start;
+    for (const CParamProperties& param : params) {
+        char stem[STEM_BLOCK] = ", param_";
+        char* const digits = stem + sizeof(", param_") - 1;
+        const auto length =
+            static_cast<size_t>(write_piece(write_piece(digits, param._index), "_") - stem);
+        for (size_t i = 0; i < AGGREGATES.size(); ++i) {
+            if (!(param.*AGGREGATES[i]._kept)) continue;
+            std::memcpy(out, stem, STEM_BLOCK);
+            out += length;
+            std::memcpy(out, NAMES[i].data(), NAME_BLOCK);
+            out += AGGREGATES[i]._name.size();
         }
-        out = write_piece(out, aggregate._name);
     }
-    text.resize(start + static_cast<size_t>(out - begin));
+    text.resize(static_cast<size_t>(out - text.data()));
 }
 
 size_t columns_size(const std::vector<CParamProperties>& params)

@@ -29,10 +29,10 @@ constexpr std::array<aggregate_t, 5> AGGREGATES = {{
     {"sum", &CParamProperties::_has_sum, &CSample::_sum},
 }};
 
-// Appends ", param_7_min, param_7_max": every column of the parameter, each after a comma.
-void append_columns(tk_string& text, const CParamProperties& param);
+// Appends ", param_7_min, param_7_max": every column of the parameters, each after a comma.
+void append_columns(tk_string& text, const std::vector<CParamProperties>& params);
 
-// How many characters append_columns() adds at most, for all of the parameters together.
+// How many characters append_columns() adds at most.
 size_t columns_size(const std::vector<CParamProperties>& params);
 
 // Whether any aggregate is kept.

@@ -23,22 +23,27 @@ inline char* write_piece(char* out, std::string_view piece)
     return out + piece.size();
 }
 
+// A literal, whose length the compiler knows.
+template <size_t N>
+char* write_piece(char* out, const char (&literal)[N])
+{
+    std::memcpy(out, literal, N - 1);
+    return out + (N - 1);
+}
+
 template <typename Number, std::enable_if_t<std::is_integral_v<Number>, int> = 0>
 char* write_piece(char* out, Number number)
 {
     return std::to_chars(out, out + MAX_DIGITS, number).ptr;
 }
 
-inline void append_piece(tk_string& text, std::string_view piece) { text.append(piece); }
-
-template <typename Number, std::enable_if_t<std::is_integral_v<Number>, int> = 0>
-void append_piece(tk_string& text, Number number)
-{
-    char digits[MAX_DIGITS];
-    text.append(digits, static_cast<size_t>(write_piece(digits, number) - digits));
-}
-
 inline size_t piece_size(std::string_view piece) { return piece.size(); }
+
+template <size_t N>
+size_t piece_size(const char (&)[N])
+{
+    return N - 1;
+}
 
 template <typename Number, std::enable_if_t<std::is_integral_v<Number>, int> = 0>
 size_t piece_size(Number)
@@ -46,17 +51,21 @@ size_t piece_size(Number)
     return MAX_DIGITS;
 }
 
+// Room for the longest that the pieces can be is made once, and they are written in place.
 template <typename... Pieces>
 void append_sql(tk_string& text, const Pieces&... pieces)
 {
-    (append_piece(text, pieces), ...);
+    const size_t start = text.size();
+    text.resize(start + (piece_size(pieces) + ...));
+    char* out = text.data() + start;
+    ((out = write_piece(out, pieces)), ...);
+    text.resize(static_cast<size_t>(out - text.data()));
 }
 
 template <typename... Pieces>
 tk_string sql_text(const Pieces&... pieces)
 {
     tk_string text;
-    text.reserve((piece_size(pieces) + ...));
     append_sql(text, pieces...);
     return text;
 }

@@ -73,8 +73,7 @@ tk_string insert_sample_text(int64_t device, unsigned long period,
 {
     tk_string text = text_for_columns(params);
     append_sql(text, "INSERT INTO trends_", device, "_", period, " (time, percent_valid");
-    for (const CParamProperties& param : params)
-        append_columns(text, param);
+    append_columns(text, params);
     append_sql(text, ") VALUES (?,?");
     append_placeholders(text, params);
     append_sql(text, ")");
@@ -128,8 +127,7 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
 {
     tk_string head = text_for_columns(params);
     append_sql(head, "SELECT ?, time, percent_valid");
-    for (const CParamProperties& param : params)
-        append_columns(head, param);
+    append_columns(head, params);
     append_sql(head, " FROM trends_", device, "_");
 
     tk_string filter = " WHERE 1 ";
