@@ -41,7 +41,7 @@ int main()
 
     // The newest three rows of one period, newest first, and the next page of three.
     const std::vector<CPeriodProperties> fives = {CPeriodProperties(5, 100)};
-    for (const size_t offset : {0, 3}) {
+    for (const size_t offset : {size_t(0), size_t(3)}) {
         if (log.get_trend_data(data, pump, fives, {-1, -1}, 3, offset, !ascending, !no_overlap) !=
             0)
             return EXIT_FAILURE;
