@@ -522,7 +522,7 @@ TEST(slots, release_their_values_with_the_cache)
 
 namespace {
 
-// A key that counts its copies.
+// A key that counts its copies and how often its bytes are asked for.
 class counted_key {
 public:
     counted_key() = default;
@@ -536,10 +536,15 @@ public:
         return *this;
     }
 
-    const char* data() const { return _text.data(); }
+    const char* data() const
+    {
+        ++reads;
+        return _text.data();
+    }
     size_t size() const { return _text.size(); }
 
     static inline int copies = 0;
+    static inline int reads = 0;
 
 private:
     std::string _text;
@@ -567,6 +572,22 @@ protected:
 };
 
 }  // namespace
+
+// One hash of the key sought, one comparison with the key found: no other entry is looked at.
+TEST_F(cost, of_a_hit_is_one_hash_and_one_comparison_however_many_entries_there_are)
+{
+    CCache<counted_key, int> cache(500);
+    std::vector<counted_key> keys;
+    for (int i = 0; i < 500; ++i) {
+        keys.emplace_back("number " + std::to_string(i));
+        cache.add_raw(keys.back(), i);
+    }
+    for (const counted_key& key : keys) {
+        counted_key::reads = 0;
+        cache.lookup_raw(key);
+        ASSERT_EQ(3, counted_key::reads);
+    }
+}
 
 TEST_F(cost, of_a_hit_is_no_allocation_and_no_copy_of_the_key)
 {

@@ -38,10 +38,11 @@ struct cache_entry {
     const Key* keyptr = nullptr;  // the key sought, in the lookup probe only
 };
 
-// Keys are byte strings: anything with data() and size() in characters.
+// Keys are byte strings: anything with data() and size() in characters. Not noexcept, which makes
+// the standard library store the hashes: a lookup would hash its neighbours' long keys otherwise.
 struct handle_hasher {
     template <typename Entry>
-    size_t operator()(const handle_to<Entry>& handle) const noexcept
+    size_t operator()(const handle_to<Entry>& handle) const
     {
         return std::hash<std::string_view>()(bytes(handle));
     }
@@ -68,8 +69,8 @@ struct handle_equal {
 //
 // The slots never move, so a handle stays good for the life of the cache (its slot may come to hold
 // another entry). Recency is a queue of handles, least recently used first, freed slots at the end;
-// keys are found through a hash set of handles. A lookup neither allocates nor copies the key, and
-// a full cache takes a new entry without a new slot or node.
+// keys are found through a hash set of handles. A lookup that finds neither allocates nor copies
+// the key, and a full cache takes a new entry without a new slot or node.
 //
 // An exception thrown by copying a key or value, or by memory running out, leaves the cache
 // consistent and without the new entry; in a full cache the evicted entry is gone. One thread at a
@@ -240,10 +241,14 @@ private:
 
         TREND_ASSERT(_queue.size()==_size);
         TREND_ASSERT(_vals.size()<_capacity);
-        // The node first: it may find no memory, the slot has its own reserved.
-        const auto node = _queue.emplace(_unused);
         _vals.emplace_back();
-        node->ptr = std::prev(_vals.end());
+        try {
+            _queue.push_back(handle_t{std::prev(_vals.end())});
+        } catch (...) {
+            _vals.pop_back();
+            throw;
+        }
+        const auto node = std::prev(_queue.end());
         node->ptr->qpos = node;
         return *node;
     }
