@@ -205,6 +205,7 @@ TEST(opt_val, does_not_compare)
     static_assert(!any_equality<COptVal, int> && !any_equality<int, COptVal>);
     static_assert(!any_equality<COptVal, bool> && !any_equality<bool, COptVal>);
     static_assert(!compiles<equal_to_literal_0, COptVal, void>::value);
+    static_assert(!any_equality<COptVal, std::nullptr_t> && !any_equality<std::nullptr_t, COptVal>);
 }
 
 TEST(opt_val, comes_from_a_number_but_never_turns_into_one)

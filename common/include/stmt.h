@@ -33,20 +33,22 @@ public:
     // Called by the constructor; asserts that there is no statement yet and that `str` holds one.
     int prepare(const tk_string& str);
 
-    // Text is not copied: it must stay as it is until the statement has been stepped and reset. An
-    // absent COptVal is bound as NULL, as is a parameter without a value.
+    // Text is not copied: it must stay as it is until the statement has been stepped and reset, so
+    // never bind a temporary. Without a value, and for an absent COptVal, NULL is bound.
     int bind(size_t idx, int64_t v);
     int bind(size_t idx, const tk_string& v);
     int bind(size_t idx, double v);
     int bind(size_t idx);
     int bind(size_t idx, const COptVal& v);
 
-    // 1 for a row, 0 when done, -1 on failure. A busy database is waited for, yielding the
-    // processor, without limit. A step inside a transaction level whose transaction SQLite has
-    // dropped meanwhile is refused with code 516: on its own it would commit by itself.
+    // 1 for a row, 0 when done, -1 on failure; reset() after it in any case. A busy database (code
+    // 5) is waited for, yielding the processor, without limit; an extended busy code is a failure.
+    // A step inside a transaction level whose transaction SQLite has dropped meanwhile is refused
+    // with code 516: on its own it would commit by itself.
     int step();
 
-    // Makes ready for the next use, all parameters NULL. Repeats the failure of the last step.
+    // Makes ready for the next use, all parameters NULL. Repeats the failure of the last step; the
+    // parameters then stay as they are.
     int reset();
 
     // The types are strict: an integer column is not read as a double, nor the other way round.

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <memory>
@@ -48,7 +48,7 @@ public:
     COptVal() = default;
     COptVal(double val) : _val(val) {}
 
-    operator safe_bool_t() const { return std::isnan(_val) ? nullptr : &COptVal::is_valid; }
+    operator safe_bool_t() const { return is_nan() ? nullptr : &COptVal::is_valid; }
 
     // The token of the conversion above and always true. Test the object, not this member.
     bool is_valid() const { return true; }
@@ -63,8 +63,22 @@ public:
     // The conversion would let these compile and compare tokens instead of values.
     friend bool operator==(const COptVal&, const COptVal&) = delete;
     friend bool operator!=(const COptVal&, const COptVal&) = delete;
+    friend bool operator==(const COptVal&, std::nullptr_t) = delete;
+    friend bool operator!=(const COptVal&, std::nullptr_t) = delete;
+    friend bool operator==(std::nullptr_t, const COptVal&) = delete;
+    friend bool operator!=(std::nullptr_t, const COptVal&) = delete;
 
     double _val = std::numeric_limits<double>::quiet_NaN();
+
+private:
+    // By its bits: a host that is built with -ffast-math has no other way to tell.
+    bool is_nan() const
+    {
+        constexpr uint64_t MAGNITUDE = 0x7fffffffffffffff, INFINITE = 0x7ff0000000000000;
+        uint64_t bits = 0;
+        std::memcpy(&bits, &_val, sizeof bits);
+        return (bits & MAGNITUDE) > INFINITE;
+    }
 };
 
 // What one parameter measured in one interval. A value whose aggregate the parameter does not keep
@@ -81,7 +95,7 @@ struct CSample {
 struct CSnapshot {
     unsigned long _period = 0;      // minutes; the table that a read row came from, else unused
     time_t _time = 0;               // seconds since the Unix epoch, the end of the interval
-    double _percent_valid = 0.0;    // 0 to 100, the share of the interval that had data
+    double _percent_valid = 0.0;    // 0 to 100, the share of the interval that had data; finite
     std::vector<CSample> _samples;  // one per parameter of the list that goes with the row
 };
 
@@ -105,7 +119,7 @@ struct CPeriodProperties {
     }
 
     unsigned long _period = 0;  // minutes, 1 to 2^32 - 1
-    size_t _max_entries = 0;    // rows that each table of the period keeps, 1 to 2^32 - 1
+    size_t _max_entries = 0;    // intervals that its tables keep, 1 to 2^32 - 1; see guide.md
 };
 
 // How a parameter's values are aggregated.
@@ -162,11 +176,16 @@ TREND_EXPORT const char* operation_prefix(sample_type_t type);
 //
 // An operation that needs an open log reports "Error: DB not open", -1, where it says nothing
 // else. A device is named by its `_index` and must carry its `_path` ("Error: empty device path",
-// "Error: invalid device id"). Wrong use that no input can excuse, and stored configuration that no
-// log has written, stops the process with an assertion.
+// "Error: invalid device id"). Texts are stored up to their first zero byte. What only a mistake in
+// the host's code can cause, and stored configuration that no log has written, stops the process
+// with an assertion.
 //
 // A log serves one thread at a time; it must not be used across fork(). Other processes may use
-// the file meanwhile: a call that finds it busy waits, yielding the processor, without limit.
+// the file meanwhile. A statement that finds it locked waits, yielding the processor, without
+// limit. Where several processes write, a call may also fail with -1 because another has written
+// since it began (codes 517 and 261 in the report) or while a statement is prepared (code 5): it
+// has changed nothing and can be made again. Several writers want `wal`; with a rollback journal
+// two of them can wait for each other for ever.
 class TREND_EXPORT CLog {
 public:
     // Lifecycle ---------------------------------------------------------------------------------
@@ -176,11 +195,14 @@ public:
     //   create         makes the file if there is none, creates missing tables and brings an older
     //                  schema up to date. Without it, or with read_only, the file is taken as it
     //                  is: nothing is created, checked or migrated.
-    //   pool_capacity  how many prepared statements are kept, 1 or more. 3 per device and 3 more
-    //                  serve recording without preparing anything twice.
+    //   pool_capacity  how many prepared statements are kept, 1 or more. 5 per device and period
+    //                  and 4 more serve recording without preparing anything twice; with several
+    //                  periods 3 per device and 3 more serve all snapshots but those that complete
+    //                  a coarse row.
     //   temp_in_memory keeps SQLite's temporary storage in memory. The journal mode is then left
     //                  as the file has it, whatever `wal` says.
     //   page_size      of a new file, in bytes, a power of two from 512 to 65536; 0 means 4096.
+    //                  Without effect on a file that is in WAL mode, and `wal` comes first.
     //   cache_bytes    size of the page cache; 0 keeps SQLite's default.
     //   heap_limit     SQLite's soft heap limit in bytes, for the whole process; 0 leaves it alone.
     //   wal            switches a writable file to WAL and lets checkpoint() act.
@@ -209,7 +231,8 @@ public:
     // Housekeeping ------------------------------------------------------------------------------
 
     // Copies the write-ahead log into the file. 0 without effect unless the log was opened writable
-    // with `wal`. Reports "can't checkpoint database", 1, when other users of the file prevent it.
+    // with `wal`. What a reader still needs stays, without a failure. Reports "can't checkpoint
+    // database", 1, inside a transaction of the log's own and when another process checkpoints.
     int checkpoint();
 
     // Checkpoints by itself whenever the write-ahead log has `n` pages; 0 or less never. 0 without
@@ -317,12 +340,14 @@ public:
     // Stores one snapshot in the finest period's table and rolls full groups up into the coarser
     // ones. `snapshot._time` is in seconds, 0 or later, and not stored yet; `snapshot._samples` has
     // one sample per entry of `data._params`, in that order. Stored parameters that `data._params`
-    // leaves out stay absent in the row. Gaps are not filled, see fill_blank_values().
+    // leaves out stay absent in the row. Gaps are not filled, see fill_blank_values(). A row at
+    // time 0 is not rolled up while the coarser table is empty, and goes at the first trim.
     // Reports "Error: empty param list", "Error: invalid timestamp", "Error: bad sample size",
+    // "Error: invalid percent_valid" (infinite; the file refuses a NaN),
     // "Error: no configured periods", "Error: no configured parameters", "Error: invalid param id",
     // the messages of calc_period_ratios(), "Can't prepare SQL (1): '...'" (a parameter or
-    // aggregate that is not stored), -1 each. A time that is stored already is refused by the file,
-    // -1. A failure leaves nothing behind.
+    // aggregate that is not stored) and those of propagate_recent_samples(), -1 each. A time that
+    // is stored already is refused by the file, -1. A failure leaves nothing behind.
     int add_trend_data(const CDeviceParams& data, const CSnapshot& snapshot);
 
     // The time of the newest row of the finest period, -1 when there is none: where to resume after
@@ -330,11 +355,13 @@ public:
     int get_latest_timestamp(const CDeviceProperties& device, time_t& timestamp);
 
     // Appends to each of the device's tables a blank row for every interval that is missing between
-    // its newest row and `now` (seconds; -1 for the present), at most the newest `_max_entries` of
-    // them. Blank rows have no values and 0 percent valid, or 1 with `mark_valid`. Empty tables and
-    // devices without parameters get none. At least one period must be configured, which is an
-    // assertion. Reports "Error: invalid device id" (also for an empty path), "Error: invalid fill
-    // time" (below -1), "Error: can't get time", the messages of calc_period_ratios(); -1.
+    // its newest row and `now` (seconds; -1 for the present). Of a gap longer than the table keeps,
+    // the first intervals, up to one coarse row, and the newest `_max_entries` get a row. Blank
+    // rows have no values and 0 percent valid, or 1 with `mark_valid`. Empty tables and devices
+    // without parameters get none. At least one period must be configured, which is an assertion.
+    // Reports "Error: invalid device id" (also for an empty path), "Error: invalid fill time"
+    // (below -1), "Error: can't get time", "Can't prepare SQL (3): '...'", "Can't prepare SQL (4):
+    // '...'", the messages of calc_period_ratios() and propagate_recent_samples(); -1.
     int fill_blank_values(const CDeviceProperties& device, time_t now, bool mark_valid);
 
     // Reading -----------------------------------------------------------------------------------
@@ -343,11 +370,12 @@ public:
     // periods together; `limit` rows at most (0: all) after leaving out the first `offset`.
     // `request._params` names the values to read, all of the device's when empty; `data._params`
     // says what was read and `data._snapshots[i]._samples` follows it. With `no_overlap` a coarser
-    // period gives only the rows older than everything in the finer ones: a gap-free series at the
-    // best resolution still stored.
+    // period gives only the rows older than everything in the finer ones: each time once, at the
+    // best resolution still stored. A coarse row that ends after the first fine one is left out.
     // Reports "Error: invalid time range" (a bound below -1), "Error: empty parameter list",
     // "Error: empty period list", "Error: invalid param id" (an assertion instead when `periods` is
-    // empty), -1 each; 1 for a row that cannot be decoded. A read that breaks off returns 0 with
+    // empty), -1 each; 1 for a row that cannot be decoded. `_max_entries` of `periods` matters only
+    // with `no_overlap`, where 0 is an assertion. A read that breaks off returns 0 with
     // the rows so far. After a failure `data` must not be used. `data` may be the request itself.
     int get_trend_data(CDeviceData& data, const CDeviceParams& request,
                        const std::vector<CPeriodProperties>& periods, const timebounds_t& bounds,
@@ -362,8 +390,8 @@ public:
 
     // Steps of the operations above ---------------------------------------------------------------
 
-    // A host rarely needs these. Each is one transaction level of its own; the log must be open and
-    // identifiers valid, which is asserted.
+    // A host rarely needs these. Each but column_names() is one transaction level of its own and
+    // asserts that the log is open. They take their arguments as valid and assert part of that.
 
     // The names of the parameter's columns, in table order. Replaces what `names` holds.
     static int column_names(const CParamProperties& param, std::vector<tk_string>& names);
