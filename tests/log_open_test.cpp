@@ -361,6 +361,15 @@ TEST(log_open, gives_up_the_transaction_open_before)
 
 // Failures -----------------------------------------------------------------------------------
 
+// SQLite would make a file without a name and delete it at the end.
+TEST(log_open, takes_a_name_that_begins_with_a_zero_byte_for_an_empty_one)
+{
+    CLog log;
+    EXPECT_REPORTS(open_log(log, std::string("\0trend.db", 9)), -1,
+                   DATABASE_OPEN + ": empty DB name\n");
+    EXPECT_FALSE(log.is_open());
+}
+
 TEST(log_open, refuses_an_empty_name)
 {
     CLog log;

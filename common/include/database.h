@@ -26,11 +26,12 @@ constexpr bool NULL_NOT_OK = false;  // NULL is a failure
 // transactions.
 //
 // Results are 0 on success, -1 after a reported failure, else the code of the call that failed.
-// Everything but open() and close() wants an open connection, which is asserted. One thread at a
-// time; other processes may use the file, and a busy file is waited for.
+// Everything but open(), close() and is_open() wants an open connection, which is asserted. One
+// thread at a time; other processes may use the file, and a step that finds it locked waits.
 //
-// Statements and the pool allocate: std::bad_alloc passes through stmt(), exec() and get_intval(),
-// but not through the transaction operations.
+// Statements and the pool allocate: std::bad_alloc, std::length_error for a pool too large, and
+// cache_uninitialized for one of capacity 0 pass through open(), stmt(), exec(), get_intval() and
+// update_cache_size(), but not through the transaction operations.
 class TREND_EXPORT CDatabase {
 public:
     CDatabase() = default;
@@ -41,7 +42,8 @@ public:
 
     // Opens or reopens the file; see CLog::open() for the settings. A new file is not writable for
     // group and others. The aggregate functions are registered last. After a failure call open()
-    // again or close(): a handle may be left. Reports "empty DB name" (-1) and "can't open DB
+    // again or close(): a handle may be left, and is_open() be true. Reports "empty DB name" (-1)
+    // and "can't open DB
     // '...'", the latter with SQLite's code as the result.
     int open(const tk_string& name, size_t pool_capacity, bool read_only, bool create,
              bool temp_in_memory, size_t page_size, size_t cache_bytes, size_t heap_limit,
@@ -52,16 +54,19 @@ public:
 
     bool is_open() const { return _db != nullptr; }
 
-    // A prepared statement: from the pool, or with `fresh` one of its own, for texts that are used
-    // once or rarely. Empty when it cannot be prepared, which has been reported.
+    // A prepared statement of the first statement in `str`: from the pool, to be reset before the
+    // same text is asked for again, or with `fresh` one of its own, for texts that are used once or
+    // rarely. Empty when it cannot be prepared, which has been reported.
     stmt_ptr_t stmt(const tk_string& str, bool fresh);
 
-    // Prepares `str`, steps it once and resets it. 0 when done, 1 for a row (0 with `row_ok`).
+    // Prepares the first statement in `str`, steps it once and resets it. 0 when done, 1 for a row
+    // (0 with `row_ok`).
     int exec(const tk_string& str, bool fresh, bool row_ok);
 
     // Reads column 0 of the last row of a query as an integer, inside a transaction level. Without
-    // a row, and when a step fails, `out` stays as it was and the result is 0 all the same: give it
-    // a value that tells. NULL reads as -1 with `null_ok`. 1 for a column that is no integer.
+    // a row, and when a step fails, `out` stays as it was and the result is 0 all the same, unless
+    // the level cannot be ended: give it a value that tells. NULL reads as -1 with `null_ok`. 1 for
+    // a column that is no integer.
     int get_intval(const tk_string& sql, int64_t& out, bool fresh, bool null_ok);
 
     // Sets the size of the page cache to `bytes`, rounded down to whole pages.
@@ -69,13 +74,15 @@ public:
 
     // Nested transactions: only the outermost level issues BEGIN, COMMIT and ROLLBACK. An inner
     // rollback leaves its work to the outer levels. A failed outermost end_transaction() has rolled
-    // back and must not be followed by rollback_transaction(). None of them throws.
+    // back and must not be followed by rollback_transaction(). None of them throws. A ROLLBACK that
+    // SQLite could not run is made up for by the next begin: a host that ends that transaction on
+    // the raw handle must not open one of its own there before.
     int begin_transaction();
     int end_transaction();
     void rollback_transaction();
 
-    // Checkpoint of the write-ahead log, and the number of pages at which SQLite makes one itself.
-    // Without effect unless opened writable with `wal`. 1 on failure.
+    // Checkpoint of the write-ahead log, and the number of pages at which SQLite makes one itself
+    // (0 or less: never). Without effect unless opened writable with `wal`. 1 on failure.
     int checkpoint();
     int checkpoint_config(int n);
 

@@ -49,7 +49,7 @@ int CDatabase::open(const tk_string& name, size_t pool_capacity, bool read_only,
     TREND_SIGNATURE(fn,
                     "int toolkit::trend::CDatabase::open(const tk_string&, size_t, bool, bool, "
                     "bool, size_t, size_t, size_t, bool)");
-    if (name.empty()) {
+    if (name.c_str()[0] == '\0') {  // SQLite would make a file of its own, gone at the end
         report("%s: empty DB name", fn);
         return -1;
     }
@@ -87,6 +87,8 @@ void CDatabase::close()
     _pool.reset();
     if (_db) static_cast<void>(sqlite3_close(_db));
     _db = nullptr;
+    _nest_lvl = 0;
+    _wal = false;
     _rollback_owed = false;
 }
 

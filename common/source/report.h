@@ -28,8 +28,8 @@ int out_of_memory(const char* fn) noexcept;
 }  // namespace toolkit::trend
 
 // Names the text that the function's messages begin with: its signature as GCC spells it, whatever
-// compiler builds the library. GCC checks that the text still fits the function.
-#if defined(__GNUC__) && !defined(__clang__)
+// compiler builds the library. In the developers' builds GCC checks that the text still fits.
+#if defined(TREND_CHECK_SIGNATURES) && defined(__GNUC__) && !defined(__clang__)
 #define TREND_SIGNATURE(name, text)                                       \
     constexpr const char* name = text;                                    \
     static_assert(::toolkit::trend::same_text(__PRETTY_FUNCTION__, text), \
