@@ -309,6 +309,33 @@ TEST_F(log_add_device, is_part_of_the_callers_transaction)
 
 // modify_device --------------------------------------------------------------------------------
 
+TEST_F(log_add_device, stores_texts_up_to_their_first_zero_byte)
+{
+    CDeviceProperties device;
+    device._path = std::string("pump\0x", 6);
+    device._guid = std::string("\0x", 2);
+    EXPECT_QUIET(_log.add_device(device), 0);
+    EXPECT_EQ(rows("SELECT hex(path), guid FROM devices"), "70756D70|NULL");
+    device._path = "pump";
+    capture_stderr([&] { EXPECT_EQ(_log.add_device(device), -1); });
+}
+
+TEST_F(log_add_device, takes_a_path_that_begins_with_a_zero_byte_for_an_empty_one)
+{
+    CDeviceProperties device;
+    device._path = std::string("\0pump", 5);
+    EXPECT_REPORTS(_log.add_device(device), -1, ADD + ": Error: empty device path\n");
+}
+
+TEST_F(log_modify_device, stores_texts_up_to_their_first_zero_byte)
+{
+    CDeviceProperties device = add_device("pump");
+    device._path = std::string("fan\0x", 5);
+    device._guid = std::string("g\0x", 3);
+    EXPECT_QUIET(_log.modify_device(device), 0);
+    EXPECT_EQ(rows("SELECT hex(path), hex(guid) FROM devices"), "66616E|67");
+}
+
 TEST_F(log_modify_device, refuses_a_closed_log_first)
 {
     _log.close();

@@ -86,6 +86,22 @@ TEST(next_interval_boundary, asks_no_clock_when_it_is_given_a_time)
     EXPECT_QUIET(CLog::next_interval_boundary(15, 0), 900);
 }
 
+// Longer ones cannot be stored, and in seconds they would not fit a number.
+TEST(next_interval_boundary, refuses_a_period_beyond_32_bits)
+{
+    if (sizeof(unsigned long) == 4) GTEST_SKIP() << "unsigned long has 32 bits here";
+    const auto shift = [](int bits) { return static_cast<unsigned long>(uint64_t{1} << bits); };
+    for (const int bits : {32, 62})
+        EXPECT_REPORTS(CLog::next_interval_boundary(shift(bits), 1800), -1,
+                       NEXT + ": Error: invalid period\n");
+}
+
+TEST(next_interval_boundary, of_the_largest_time_is_no_earlier)
+{
+    const time_t largest = std::numeric_limits<time_t>::max();
+    EXPECT_QUIET(CLog::next_interval_boundary(1, largest), largest);
+}
+
 TEST(next_interval_boundary, refuses_a_period_of_zero)
 {
     EXPECT_REPORTS(CLog::next_interval_boundary(0, 1800), -1, NEXT + ": Error: invalid period\n");

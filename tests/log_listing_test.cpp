@@ -297,6 +297,16 @@ TEST_F(get_periods, stop_at_a_number_below_1)
 
 // Devices ------------------------------------------------------------------------------------
 
+TEST_F(get_devices, that_fail_leave_the_rows_before_and_nothing_of_the_caller)
+{
+    run_sql(_file, LOOSE_DEVICES + "INSERT INTO devices VALUES (1, 'pump', NULL), (2, 7, 'g')");
+    std::vector<CDeviceProperties> devices(3);
+    devices[1]._path = "stale";
+    capture_stderr([&] { EXPECT_EQ(_log.get_devices(devices), -1); });
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0]._path, "pump");
+}
+
 TEST_F(get_devices, of_a_new_log_are_none)
 {
     EXPECT_QUIET(devices(), 0);

@@ -338,6 +338,19 @@ TEST_F(log_modify_params, takes_a_path_that_begins_with_a_zero_byte_for_an_empty
                    MODIFY + ": Error: empty parameter path\n");
 }
 
+// Read back they end at their first zero byte, so to a reader these two would be one path.
+TEST_F(log_modify_params, takes_paths_that_differ_after_a_zero_byte_for_the_same)
+{
+    EXPECT_REFUSES(modify({changed(1, std::string("i\0x", 3), "avg")}),
+                   MODIFY + ": Error: duplicate parameter path\n");
+}
+
+TEST_F(log_modify_params, stores_paths_up_to_their_first_zero_byte)
+{
+    EXPECT_QUIET(modify({changed(1, std::string("w\0x", 3), "avg")}), 0);
+    EXPECT_EQ(rows("SELECT hex(path) FROM params_1 WHERE idx = 1"), "77");
+}
+
 // A path that another parameter has, stored, would delete that parameter without its columns.
 TEST_F(log_modify_params, refuses_the_path_of_another_parameter_before_it_stores_anything)
 {

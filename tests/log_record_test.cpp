@@ -583,6 +583,13 @@ TEST_F(add_trend_data, refuses_to_go_on_in_a_transaction_that_sqlite_has_dropped
 // Where to resume
 // -------------------------------------------------------------------------------------
 
+TEST_F(add_trend_data, refuses_an_infinite_share_of_validity)
+{
+    const CDeviceParams device = pump({{1, 100}});
+    for (const double infinite : {INFINITY, -INFINITY})
+        expect_refused(device, snapshot(60, {avg(1.0)}, infinite), "invalid percent_valid");
+}
+
 class get_latest_timestamp : public recording_log {
 protected:
     time_t latest(const CDeviceProperties& device)

@@ -10,8 +10,9 @@
 // columns of a parameter in columns.cpp.
 
 #include <algorithm>
-#include <cinttypes>
+#include <cmath>
 #include <cstdarg>
+#include <cstdint>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -37,6 +38,7 @@ constexpr const char* GET_PARAMS =
 
 constexpr int64_t SCHEMA_VERSION = 2;
 constexpr int64_t SECONDS_PER_MINUTE = 60;
+constexpr int64_t LARGEST_TIME = std::numeric_limits<time_t>::max();
 constexpr int64_t SPARE_INTERVALS = 10;  // kept beyond a period's rows by the roll-up's trim
 
 // Checks ---------------------------------------------------------------------------------------
@@ -48,8 +50,10 @@ int check_open(const char* fn, const std::shared_ptr<CDatabase>& db)
     return db ? 0 : refuse(fn, "DB not open");
 }
 
-// A path is read back up to its first zero byte: one that begins with it would be empty then, which
-// stops every process that lists it.
+// A text is read back up to its first zero byte. It is stored like that as well: what follows the
+// byte would make two paths different to the file and the same to everyone who reads it, and an
+// empty path stops every process that lists it.
+tk_string stored_text(const tk_string& text) { return text.c_str(); }
 bool is_empty_path(const tk_string& path) { return path.c_str()[0] == '\0'; }
 
 // Periods and numbers of rows are 32-bit quantities in the file.
@@ -151,7 +155,8 @@ int read_list(CDatabase& db, const tk_string& sql, int (*read_row)(const CStatem
     int failed = 0;
     while (!failed && (retval = stmt->step()) == 1) {
         if (count == records.size()) records.emplace_back();
-        failed = read_row(*stmt, records[count++]);
+        failed = read_row(*stmt, records[count]);
+        if (!failed) ++count;
     }
     records.resize(count);
     if (failed) return failed;
@@ -242,10 +247,15 @@ int exec_change(CDatabase& db, const tk_string& sql)
     return level.end();
 }
 
+// A period that is too long to be stored counts as the longest one that is not.
 int64_t interval_length(const CPeriodProperties& period)
 {
-    return static_cast<int64_t>(period._period) * SECONDS_PER_MINUTE;
+    constexpr uint64_t LONGEST = std::numeric_limits<uint32_t>::max();
+    return static_cast<int64_t>(std::min<uint64_t>(period._period, LONGEST)) * SECONDS_PER_MINUTE;
 }
+
+// A time out of the file. Where time_t has 32 bits, a later one reads as the last that it has.
+time_t stored_time(int64_t time) { return static_cast<time_t>(std::min(time, LARGEST_TIME)); }
 
 }  // namespace
 
@@ -261,7 +271,7 @@ int CLog::open(const tk_string& name, bool read_only, bool create, size_t pool_c
     _db.reset();
     try {
         // The pool would throw at its first statement. An empty name is refused by the connection.
-        if (pool_capacity == 0 && !name.empty()) return refuse(fn, "invalid pool capacity");
+        if (pool_capacity == 0 && !is_empty_path(name)) return refuse(fn, "invalid pool capacity");
 
         _db = std::make_shared<CDatabase>();
         int failed = _db->open(name, pool_capacity, read_only, create, temp_in_memory, page_size,
@@ -547,14 +557,16 @@ time_t CLog::next_interval_boundary(unsigned long period, time_t now)
     TREND_SIGNATURE(fn,
                     "static time_t toolkit::trend::CLog::next_interval_boundary("
                     "long unsigned int, time_t)");
-    if (period == 0) return refuse(fn, "invalid period");
+    if (!is_storable(period)) return refuse(fn, "invalid period");
     if (now == -1) {
         now = std::time(nullptr);
         if (now == -1) return refuse(fn, "can't get system time");
     }
     TREND_ASSERT(now>=0);
     const int64_t len = static_cast<int64_t>(period) * SECONDS_PER_MINUTE;
-    return static_cast<time_t>((now / len + 1) * len);
+    // Unsigned, since the last boundary of all lies beyond every time.
+    const uint64_t boundary = (static_cast<uint64_t>(now / len) + 1) * static_cast<uint64_t>(len);
+    return static_cast<time_t>(std::min<uint64_t>(boundary, LARGEST_TIME));
 }
 
 time_t CLog::previous_interval_boundary(unsigned long period, time_t now)
@@ -599,9 +611,10 @@ int CLog::add_device(CDeviceProperties& device)
         CTransLevel level(*_db);
         if (const int failed = level.begin()) return failed;
 
+        const tk_string path = stored_text(device._path);
+        const tk_string guid = stored_text(device._guid);
         const char* sql = "INSERT INTO devices VALUES ((SELECT max(idx)+1 FROM devices),?,?)";
-        if (const int failed =
-                run_once(*_db, sql, STMT_FRESH, device._path, text_or_null_t{device._guid}))
+        if (const int failed = run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}))
             return failed;
         sql = "SELECT max(idx) FROM devices";
         if (const int failed = read_intval(*_db, sql, STMT_FRESH, device._index)) return failed;
@@ -627,9 +640,11 @@ int CLog::modify_device(const CDeviceProperties& device)
         CTransLevel level(*_db);
         if (const int failed = level.begin()) return failed;
 
+        const tk_string path = stored_text(device._path);
+        const tk_string guid = stored_text(device._guid);
         const char* sql = "UPDATE devices SET path = ?, guid = ? WHERE idx = ?";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, device._path,
-                                        text_or_null_t{device._guid}, device._index))
+        if (const int failed =
+                run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}, device._index))
             return failed;
 
         return level.end();
@@ -665,7 +680,8 @@ int CLog::remove_device(const CDeviceProperties& device)
 
 namespace {
 
-auto find_param(std::vector<CParamProperties>& params, int64_t index)
+template <typename Params>
+auto find_param(Params& params, int64_t index)
 {
     return std::find_if(params.begin(), params.end(),
                         [index](const CParamProperties& param) { return param._index == index; });
@@ -674,7 +690,7 @@ auto find_param(std::vector<CParamProperties>& params, int64_t index)
 // Whether the changes, stored one after the other with INSERT OR REPLACE, would each meet a stored
 // parameter of their own type.
 bool are_acceptable(const std::vector<CParamProperties>& changes,
-                    std::vector<CParamProperties>& stored)
+                    const std::vector<CParamProperties>& stored)
 {
     return std::all_of(changes.begin(), changes.end(), [&](const CParamProperties& change) {
         const auto found = find_param(stored, change._index);
@@ -743,6 +759,8 @@ int CLog::modify_params(const CDeviceProperties& device,
         if (const int failed = check_params(fn, _db, device, params)) return failed;
         // Of two entries for one parameter the caller's later one is stored last.
         std::stable_sort(param_copies.begin(), param_copies.end());
+        for (CParamProperties& param : param_copies)
+            param._path = stored_text(param._path);
         CTransLevel level(*_db);
         if (const int failed = level.begin()) return failed;
 
@@ -949,6 +967,8 @@ int CLog::add_trend_data(const CDeviceParams& data, const CSnapshot& snapshot)
         if (const int failed = check_device(fn, _db, data._device)) return failed;
         if (snapshot._time < 0) return refuse(fn, "invalid timestamp");
         if (snapshot._samples.size() != data._params.size()) return refuse(fn, "bad sample size");
+        // Two opposite infinities in a group have no average, so the group could never be stored.
+        if (std::isinf(snapshot._percent_valid)) return refuse(fn, "invalid percent_valid");
         CTransLevel level(*_db);
         if (const int failed = level.begin()) return failed;
 
@@ -995,7 +1015,7 @@ int CLog::get_latest_timestamp(const CDeviceProperties& device, time_t& timestam
         TREND_ASSERT(periods[0]._period!=0);
         int64_t newest = -1;
         if (const int failed = newest_time(*_db, device, periods[0], newest)) return failed;
-        timestamp = static_cast<time_t>(newest);
+        timestamp = stored_time(newest);
         TREND_ASSERT(timestamp>=static_cast<time_t>(-1));
 
         return level.end();
@@ -1264,7 +1284,7 @@ int CLog::get_sample(const std::shared_ptr<CStatement>& stmt, CSnapshot& snapsho
     TREND_ASSERT(ival>0);
     snapshot._period = static_cast<unsigned long>(ival);
     if (const int failed = stmt->column(1, ival, NULL_NOT_OK)) return failed;
-    snapshot._time = static_cast<time_t>(ival);
+    snapshot._time = stored_time(ival);
     if (const int failed = stmt->column(2, snapshot._percent_valid, NULL_NOT_OK)) return failed;
 
     snapshot._samples.clear();
@@ -1389,6 +1409,7 @@ int CLog::add_param(const CDeviceProperties& device, const std::vector<CPeriodPr
         if (const int failed = level.begin()) return failed;
 
         {
+            const tk_string path = stored_text(param._path);  // bound until the reset
             const stmt_wrapper_t stmt(_db->stmt(sql_text("INSERT INTO params_", device._index,
                                                          " VALUES ((SELECT max(idx)+1 FROM params_",
                                                          device._index, "),?,?,?,?,?,?,?)"),
@@ -1404,7 +1425,7 @@ int CLog::add_param(const CDeviceProperties& device, const std::vector<CPeriodPr
                               "parameter");
 
             if (const int failed =
-                    bind_all(*stmt, param._path, int64_t(param._type), int64_t(param._has_min),
+                    bind_all(*stmt, path, int64_t(param._type), int64_t(param._has_min),
                              int64_t(param._has_max), int64_t(param._has_avg),
                              int64_t(param._has_actual), int64_t(param._has_sum)))
                 return failed;
