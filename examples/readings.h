@@ -28,7 +28,7 @@ struct readings_t {
 inline std::vector<std::string> split(const std::string& line)
 {
     std::vector<std::string> fields;
-    std::istringstream stream(line);
+    std::istringstream stream(line.substr(0, line.find('\r')));
     for (std::string field; std::getline(stream, field, ',');)
         fields.push_back(field);
     return fields;

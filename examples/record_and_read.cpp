@@ -3,6 +3,8 @@
 //
 //     record_and_read [readings.csv]
 //
+// It makes its log in the present folder, as trend.db, which must not be there yet.
+//
 // The CSV file has a column `time` (seconds since 1970, UTC) and one column per quantity; one named
 // power_factor is recorded as such. Without a file the machine itself is measured.
 
@@ -27,7 +29,9 @@ void check(int result)
 std::vector<CPeriodProperties> choose_periods(unsigned long minutes)
 {
     if (minutes == 1) return {{1, 120}, {15, 96}, {1440, 3650}};
-    return {{minutes, 96}, {minutes * 4, 24 * 14}, {1440, 3650}};
+    if (minutes < 360 && 1440 % (minutes * 4) == 0)
+        return {{minutes, 96}, {minutes * 4, 24 * 14}, {1440, 3650}};
+    return {{minutes, 96}, {minutes * 4, 24 * 14}, {minutes * 40, 3650}};
 }
 
 CParamProperties make_param(const std::string& name)
@@ -156,10 +160,11 @@ int main(int argc, char** argv)
         device._params.push_back(make_param(name));
     check(log.add_params(device._device, device._params));
 
-    // An hour's silence before the last two readings, to have a gap to fill.
+    // An hour's silence, or one missing reading, before the last two: to have a gap to fill.
     const time_t step = static_cast<time_t>(readings._minutes * 60);
     std::vector<reading_t>& rows = readings._rows;
-    const std::ptrdiff_t silent = static_cast<std::ptrdiff_t>(60 / readings._minutes);
+    const std::ptrdiff_t silent =
+        static_cast<std::ptrdiff_t>(readings._minutes < 60 ? 60 / readings._minutes : 1);
     if (rows.size() > static_cast<size_t>(silent) + 2)
         rows.erase(rows.end() - 2 - silent, rows.end() - 2);
 
@@ -173,8 +178,10 @@ int main(int argc, char** argv)
     CDeviceData data;
     check(log.get_trend_data(data, device, {}, always, no_limit, no_offset, ascending, no_overlap));
 
-    std::printf("%zu readings of %s, %lu min each, with an hour of silence:\n%zu rows to read.\n\n",
-                rows.size(), readings._device.c_str(), readings._minutes, data._snapshots.size());
+    std::printf(
+        "%zu readings of %s, %lu min each, with a gap before the last two:\n"
+        "%zu rows to read.\n\n",
+        rows.size(), readings._device.c_str(), readings._minutes, data._snapshots.size());
     print_rows(data);
     log.close();
     return EXIT_SUCCESS;

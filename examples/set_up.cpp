@@ -31,13 +31,18 @@ int main()
     CLog log;
     if (log.open("trend.db", false, true, 100, false, 0, 0, 0, true) != 0) return EXIT_FAILURE;
 
+    // All periods or none: after a power cut between two of them the next start would miss one.
     std::vector<CPeriodProperties> periods;
     if (log.get_periods(periods) != 0) return EXIT_FAILURE;
-    if (periods.empty())
-        for (const CPeriodProperties& period :
-             {CPeriodProperties(1, 2880), CPeriodProperties(15, 2976),
-              CPeriodProperties(1440, 3650)})
-            if (log.add_period(period) != 0) return EXIT_FAILURE;
+    if (periods.empty()) {
+        if (log.begin_transaction() != 0) return EXIT_FAILURE;
+        if (log.add_period({1, 2880}) != 0 || log.add_period({15, 2976}) != 0 ||
+            log.add_period({1440, 3650}) != 0) {
+            log.rollback_transaction();
+            return EXIT_FAILURE;
+        }
+        if (log.end_transaction() != 0) return EXIT_FAILURE;
+    }
 
     CParamProperties power;
     power._path = "active_power_kw";
