@@ -1,0 +1,45 @@
+#pragma once
+
+// The programs of docs/reliability.md, word for word: recipes_test compares and runs them.
+
+#include <ctime>
+#include <utility>
+#include <vector>
+
+#include "trend_api.h"
+
+using namespace toolkit::trend;
+
+// Stores all rows or none.
+inline int record_together(CLog& log, const std::vector<std::pair<CDeviceParams, CSnapshot>>& rows)
+{
+    if (const int failed = log.begin_transaction()) return failed;
+    for (const auto& [device, snapshot] : rows) {
+        if (const int failed = log.add_trend_data(device, snapshot)) {
+            log.rollback_transaction();  // a commit would keep half of the failed call
+            return failed;
+        }
+    }
+    return log.end_transaction();  // if it fails, the transaction has ended already
+}
+
+// Stores one row although other processes write the same file.
+inline int record_among_others(CLog& log, const CDeviceParams& device, const CSnapshot& snapshot)
+{
+    for (int attempt = 0; attempt < 10; ++attempt)
+        if (log.add_trend_data(device, snapshot) == 0) return 0;
+    return -1;
+}
+
+// After a start, however the last run ended: fills the gap since the newest row with blank rows and
+// sets `next` to the end of the interval that is to be recorded next. `period` is the finest one's.
+inline int resume(CLog& log, const CDeviceProperties& device, unsigned long period, time_t now,
+                  time_t& next)
+{
+    time_t latest = -1;
+    if (const int failed = log.get_latest_timestamp(device, latest)) return failed;
+    if (latest != -1)
+        if (const int failed = log.fill_blank_values(device, now, false)) return failed;
+    next = CLog::next_interval_boundary(period, now);
+    return 0;
+}
