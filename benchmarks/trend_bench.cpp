@@ -328,17 +328,19 @@ void add_all()
     add_recording({"record_1x8_commit_each", {1, 8}, true, 0, day, 8000, false});
     add_recording({"record_1000x8_tick", {size_t(brief ? 20 : 1000), 8}, false, 1, 16, 45});
 
-    const recording_t million = {"record_1x8_million_rows",
-                                 with_fine_rows(1, 8, brief ? 10000 : 1000000),
-                                 true,
-                                 100,
-                                 day,
-                                 200};
-    add("record_1x8_million_rows/library", million._iterations,
-        [=](benchmark::State& state) { run_recording<library_side>(state, million); });
+    // The library against itself: how much history there is, and whether the pool holds everything.
+    const plant_t hundred{size_t(brief ? 5 : 100), 8};
+    const plant_t million = with_fine_rows(1, 8, brief ? 10000 : 1000000);
+    for (const recording_t& job :
+         {recording_t{"record_1x8_day_kept", {1, 8}, true, 100, day, 200, false},
+          recording_t{"record_1x8_million_kept", million, true, 100, day, 200, false},
+          recording_t{"record_100x8_all_pooled", hundred, true, 1, 16, 60, false},
+          recording_t{"record_100x8_small_pool", hundred, true, 1, 16, 60, false, 64},
+          recording_t{"record_100x8_commit_each", hundred, true, 0, 16, 60, false}})
+        add(std::string(job._name) + "/library", job._iterations,
+            [=](benchmark::State& state) { run_recording<library_side>(state, job); });
 
     // The peer's jobs: a call each, and a durable minute of a hundred devices.
-    const plant_t hundred{size_t(brief ? 5 : 100), 8};
     const recording_t durable = {"record_100x8_durable", hundred, true, 1, 16, 60};
     add("record_100x8_durable/library", durable._iterations,
         [=](benchmark::State& state) { run_recording<library_side>(state, durable); });
