@@ -13,11 +13,13 @@
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 
+#include "database.h"
 #include "floor_side.h"
 #include "library_side.h"
 #include "meter.h"
@@ -281,6 +283,71 @@ void run_reading(benchmark::State& state, const reading_t& job)
     compare(state, job._name, sum + static_cast<double>(rows));
 }
 
+// Single operations of the library -------------------------------------------------------------
+
+void run_opening(benchmark::State& state, const plant_t& plant)
+{
+    const scratch_file file;
+    make_log(file._name, plant);
+    std::vector<toolkit::trend::CPeriodProperties> periods;
+    cost_t cost;
+    for (auto _ : state) {
+        // The first statement reads the schema.
+        toolkit::trend::CLog log;
+        want(log.open(file._name, false, false, 10, false, 0, 0, 0, true) == 0, "can't open");
+        want(log.get_periods(periods) == 0, "can't list periods");
+    }
+    cost.stop();
+    cost.tell(state, 1);
+    want(periods.size() == plant._periods.size(), "not every period was listed");
+}
+
+// A parameter gains and loses an aggregate, for which every table of the device is built anew.
+void run_rebuilding(benchmark::State& state, const plant_t& plant)
+{
+    const scratch_file file;
+    const without_sync quick;
+    make_log(file._name, plant);
+    add_history(file._name, plant);
+    const uint32_t before = checksum(file._name);
+    {
+        library_side side(file._name, plant);
+        toolkit::trend::CDeviceParams device = device_of(plant, 1);
+        device._params.resize(1);
+        cost_t cost;
+        for (auto _ : state) {
+            device._params[0]._has_sum = !device._params[0]._has_sum;
+            want(side.log().modify_params(device._device, device._params) == 0, "can't modify");
+        }
+        cost.stop();
+        cost.tell(state, 1);
+    }
+    const auto rows = static_cast<int64_t>(plant._periods[0]._max_entries) + 10;
+    want(count_rows(file._name, "trends_1_1") == rows, "rows were lost");
+    want(checksum(file._name) != before, "nothing was changed");
+}
+
+// Two texts in turns: both stay in a pool of two, neither in a pool of one.
+void run_pool(benchmark::State& state, size_t capacity)
+{
+    const scratch_file file;
+    make_log(file._name, {1, 8});
+    toolkit::trend::CDatabase db;
+    want(db.open(file._name, capacity, false, false, false, 0, 0, 0, true) == 0, "can't open");
+    const std::string texts[] = {"SELECT max(time) FROM trends_1_1",
+                                 "SELECT min(time) FROM trends_1_1"};
+    const toolkit::trend::CStatement* const first =
+        db.stmt(texts[0], toolkit::trend::STMT_POOLED).get();
+    cost_t cost;
+    for (auto _ : state)
+        for (const std::string& text : texts)
+            want(db.stmt(text, toolkit::trend::STMT_POOLED) != nullptr, "can't prepare");
+    cost.stop();
+    cost.tell(state, std::size(texts));
+    if (capacity > 1)
+        want(db.stmt(texts[0], toolkit::trend::STMT_POOLED).get() == first, "not kept");
+}
+
 // The list -------------------------------------------------------------------------------------
 
 void add(const std::string& name, int64_t iterations,
@@ -295,7 +362,7 @@ void add(const std::string& name, int64_t iterations,
         }
     };
     benchmark::RegisterBenchmark(name.c_str(), guarded)
-        ->Iterations(brief ? 2 : iterations)
+        ->Iterations(brief ? 3 : iterations)
         ->Unit(benchmark::kMicrosecond)
         ->UseRealTime();
 }
@@ -350,6 +417,23 @@ void add_all()
         add(std::string(job._name) + "/librrd", job._iterations,
             [=](benchmark::State& state) { run_rrd(state, job); });
 #endif
+
+    // Ratios of 2: wide rows are rolled up at every other snapshot.
+    plant_t halved{1, 100};
+    halved._periods = {{1, 1440}, {2, 720}, {4, 360}};
+    add_recording({"roll_up_1x100", halved, true, 100, brief ? 30 : 300, 20});
+
+    for (const size_t devices : {size_t{1}, size_t{100}})
+        add("open_" + std::to_string(devices) + "x8/library", 200, [=](benchmark::State& state) {
+            run_opening(state, {devices, 8});
+        });
+    for (const size_t params : {size_t{8}, size_t{100}})
+        // An odd number of changes leaves the file different.
+        add("rebuild_1x" + std::to_string(params) + "/library", 11, [=](benchmark::State& state) {
+            run_rebuilding(state, {1, params});
+        });
+    add("pool_hit/library", 20000, [](benchmark::State& state) { run_pool(state, 2); });
+    add("pool_miss/library", 2000, [](benchmark::State& state) { run_pool(state, 1); });
 
     for (const filling_t& job :
          {filling_t{"fill_day", {1, 8}, 1440, 20},
