@@ -1,6 +1,7 @@
 // Recording snapshots, and where to resume.
 
 #include <cmath>
+#include <thread>
 
 #include "count_changes.h"
 #include "faults.h"
@@ -588,6 +589,41 @@ TEST_F(add_trend_data, refuses_an_infinite_share_of_validity)
     const CDeviceParams device = pump({{1, 100}});
     for (const double infinite : {INFINITY, -INFINITY})
         expect_refused(device, snapshot(60, {avg(1.0)}, infinite), "invalid percent_valid");
+}
+
+// Two logs in two threads at once, as different as they can be: neither sees the other's lists.
+TEST_F(add_trend_data, of_two_logs_goes_on_in_two_threads)
+{
+    const auto record_all = [](const std::string& file, size_t params, unsigned long coarse) {
+        CLog log;
+        int failed = open_log(log, file);
+        failed |= log.add_period(CPeriodProperties(1, 1000));
+        failed |= log.add_period(CPeriodProperties(coarse, 1000));
+        CDeviceParams device;
+        device._device._path = "pump";
+        failed |= log.add_device(device._device);
+        for (size_t i = 0; i < params; ++i)
+            device._params.push_back(param("parameter number " + std::to_string(i), "avg"));
+        failed |= log.add_params(device._device, device._params);
+        failed |= log.begin_transaction();
+        for (int minute = 1; minute <= 300; ++minute) {
+            CSnapshot row;
+            row._time = minute * 60;
+            row._samples.assign(params, avg(1.0));
+            row._percent_valid = 100.0;
+            failed |= log.add_trend_data(device, row);
+        }
+        return failed | log.end_transaction();
+    };
+    int few = -1;
+    std::thread other([&] { few = record_all("few.db", 1, 2); });
+    const int many = record_all("many.db", 30, 50);
+    other.join();
+
+    EXPECT_EQ(few, 0);
+    EXPECT_EQ(many, 0);
+    EXPECT_EQ(::rows("few.db", "SELECT count(param_1_avg) FROM trends_1_2"), "150");
+    EXPECT_EQ(::rows("many.db", "SELECT count(param_30_avg) FROM trends_1_50"), "6");
 }
 
 class get_latest_timestamp : public recording_log {

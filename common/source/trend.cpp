@@ -10,6 +10,7 @@
 // columns of a parameter in columns.cpp.
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdarg>
 #include <cstdint>
@@ -900,13 +901,21 @@ int CLog::recreate_trend_table(const CPeriodProperties& period, const CDevicePro
 
 namespace {
 
-// What recording works from. It is read afresh at every call, but into the memory of the thread's
-// last one: without it every snapshot would allocate a text per parameter. Borrowed while a call
-// lasts, so that one inside another (from a callback of SQLite's) gets an empty one of its own.
+// What recording works from. It is read afresh at every call, but into the memory of the last one:
+// without it every snapshot would allocate a text per parameter. One call at a time borrows that
+// memory; one in another thread, or inside from a callback of SQLite's, has lists of its own.
 class CRecordingLists {
 public:
-    CRecordingLists() { std::swap(_lists, kept()); }
-    ~CRecordingLists() { std::swap(_lists, kept()); }
+    CRecordingLists()
+        : _kept(kept()),
+          _borrowed(!_kept._lent.test_and_set(std::memory_order_acquire)),
+          _lists(_borrowed ? _kept._lists : _own)
+    {
+    }
+    ~CRecordingLists()
+    {
+        if (_borrowed) _kept._lent.clear(std::memory_order_release);
+    }
 
     CRecordingLists(const CRecordingLists&) = delete;
     CRecordingLists& operator=(const CRecordingLists&) = delete;
@@ -919,13 +928,22 @@ public:
     lists_t* operator->() { return &_lists; }
 
 private:
-    static lists_t& kept()
+    struct kept_t {
+        std::atomic_flag _lent = ATOMIC_FLAG_INIT;
+        lists_t _lists;
+    };
+
+    // Never destroyed: a thread may record until the process is gone.
+    static kept_t& kept()
     {
-        thread_local lists_t lists;
+        static kept_t& lists = *new kept_t;
         return lists;
     }
 
-    lists_t _lists;
+    kept_t& _kept;
+    bool _borrowed;
+    lists_t _own;
+    lists_t& _lists;
 };
 
 // Inserts the snapshot into the table of `period`. The text depends on the selection of parameters,
