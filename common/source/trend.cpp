@@ -54,7 +54,7 @@ int check_open(const char* fn, const std::shared_ptr<CDatabase>& db)
 // A text is read back up to its first zero byte. It is stored like that as well: what follows the
 // byte would make two paths different to the file and the same to everyone who reads it, and an
 // empty path stops every process that lists it.
-tk_string stored_text(const tk_string& text) { return text.c_str(); }
+tk_string stored_text(const tk_string& text) { return text.substr(0, text.find('\0')); }
 bool is_empty_path(const tk_string& path) { return path.c_str()[0] == '\0'; }
 
 // Periods and numbers of rows are 32-bit quantities in the file.
