@@ -14,6 +14,7 @@
 #include "faults.h"
 #include "log_fixture.h"
 #include "rows.h"
+#include "sql_reports.h"
 #include "sqlite_watch.h"
 #include "trend_api.h"
 
@@ -377,6 +378,26 @@ TEST_P(every_failure, that_ends_a_callers_transaction_lets_nothing_more_through)
         int committed = 0;
         capture_stderr([&] { committed = _log.end_transaction(); });
         EXPECT_EQ(committed, -1);
+        expect_nothing_left_behind();
+    }
+    FAIL() << "has no end";
+}
+
+TEST_P(every_failure, of_a_bind_undoes_the_operation)
+{
+    for (int n = 1; n < MANY; ++n) {
+        SCOPED_TRACE("bind " + std::to_string(n));
+        start_anew();
+        const refuse_bind refused(n);
+        int result = 0;
+        const std::string said = capture_stderr([&] { result = GetParam()._run(_log); });
+        if (!refused.struck()) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(dump(), _done);
+            return;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_THAT(said, bind_report());
         expect_nothing_left_behind();
     }
     FAIL() << "has no end";

@@ -221,6 +221,52 @@ TEST_P(road_with_failures, every_step_that_is_interrupted_within_a_host_transact
     sweep_steps(true);
 }
 
+TEST_P(road_with_failures, every_bind_that_is_refused)
+{
+    const std::set<std::string> without_values = {"finding_the_newest_row", "clearing_every_row"};
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("bind " + std::to_string(n));
+        const std::function<int()> call = start_over();
+        const refuse_bind refusal(n);
+        int result = 0;
+        const std::string said = capture_stderr([&] { result = call(); });
+        if (!refusal.struck()) {
+            EXPECT_EQ(n == 1, without_values.count(GetParam()._name) == 1);
+            break;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_THAT(said, bind_report());
+        EXPECT_TRUE(dump() == _before);
+        EXPECT_TRUE(at_level_0());
+        if (HasFailure()) break;
+    }
+}
+
+// A statement that is run again is reset before: SQLite then says what it has left over.
+TEST_P(road_with_failures, every_reset_of_a_row_that_fails)
+{
+    for (const std::string& text : _texts) {
+        if (text.rfind("INSERT", 0) != 0) continue;
+        SCOPED_TRACE(text);
+        for (int n = 1;; ++n) {
+            SCOPED_TRACE("reset " + std::to_string(n));
+            const std::function<int()> call = start_over();
+            const fail_reset failure(text, n);
+            int result = 0;
+            const std::string said = capture_stderr([&] { result = call(); });
+            if (!failure.struck()) {
+                EXPECT_GT(n, 1);
+                break;
+            }
+            EXPECT_THAT(said, testing::StartsWith(reset_report(9, "interrupted")));
+            EXPECT_EQ(result, -1);
+            EXPECT_TRUE(dump() == _before);
+            EXPECT_TRUE(at_level_0());
+            if (HasFailure()) return;
+        }
+    }
+}
+
 TEST_P(road_with_failures, commit_that_is_refused)
 {
     const std::function<int()> call = start_over();

@@ -77,6 +77,19 @@ bool deny_prepare::denies(const std::string& sql)
     return --_left == 0;
 }
 
+bool refuse_bind::refuses_bind(sqlite3_stmt*) { return _left > 0 && --_left == 0; }
+
+fail_reset::fail_reset(std::string sql, int n) : _sql(std::move(sql)), _left(n) {}
+
+void fail_reset::before_reset(sqlite3_stmt* stmt)
+{
+    if (_left == 0 || sqlite3_sql(stmt) != _sql || --_left > 0) return;
+    const unwatched inside;
+    interrupt_next_step(stmt);
+    sqlite3_step(stmt);
+    let_go(stmt);
+}
+
 interrupt_step::interrupt_step(std::string sql, int n) : _sql(std::move(sql)), _left(n) {}
 
 void interrupt_step::before_step(sqlite3_stmt* stmt)

@@ -26,6 +26,36 @@ private:
     int _left;
 };
 
+// Makes the n-th bind (from 1) of any value fail with code 25 and the message "column index out of
+// range".
+class refuse_bind : public sqlite_watch {
+public:
+    explicit refuse_bind(int n) : _left(n) {}
+
+    bool struck() const { return _left == 0; }
+
+    bool refuses_bind(sqlite3_stmt* stmt) override;
+
+private:
+    int _left;
+};
+
+// Makes the n-th reset (from 1) of the statement with this text fail with code 9, "interrupted", by
+// a step that is interrupted before it: a reset only repeats what a step has said. The statement
+// must write, and SQLite ends the transaction by itself.
+class fail_reset : public sqlite_watch {
+public:
+    explicit fail_reset(std::string sql, int n = 1);
+
+    bool struck() const { return _left == 0; }
+
+    void before_reset(sqlite3_stmt* stmt) override;
+
+private:
+    std::string _sql;
+    int _left;
+};
+
 // Makes the n-th step (from 1) of the statement with this text fail with code 9, "interrupted".
 // When the statement is one that writes, SQLite ends the transaction by itself; when it reads, the
 // transaction stays, and when it is a COMMIT or ROLLBACK, it stays open with what it has written.

@@ -38,6 +38,16 @@ bool denied(const std::string& sql)
     return any;
 }
 
+// The parameter to bind in its place: 0, which no statement has, for a bind that shall fail.
+int bound(sqlite3_stmt* stmt, int index)
+{
+    bool refused = false;
+    if (depth == 0)
+        for (sqlite_watch* watch : watches())
+            refused = watch->refuses_bind(stmt) || refused;
+    return refused ? 0 : index;
+}
+
 }  // namespace
 
 extern "C" int sqlite3_prepare_v2(sqlite3* db, const char* sql, int size, sqlite3_stmt** stmt,
@@ -70,6 +80,42 @@ extern "C" int sqlite3_step(sqlite3_stmt* stmt)
     return result;
 }
 
+extern "C" int sqlite3_bind_int64(sqlite3_stmt* stmt, int index, sqlite3_int64 value)
+{
+    static const auto bind = real<decltype(sqlite3_bind_int64)>("sqlite3_bind_int64");
+    return bind(stmt, bound(stmt, index), value);
+}
+
+extern "C" int sqlite3_bind_double(sqlite3_stmt* stmt, int index, double value)
+{
+    static const auto bind = real<decltype(sqlite3_bind_double)>("sqlite3_bind_double");
+    return bind(stmt, bound(stmt, index), value);
+}
+
+extern "C" int sqlite3_bind_null(sqlite3_stmt* stmt, int index)
+{
+    static const auto bind = real<decltype(sqlite3_bind_null)>("sqlite3_bind_null");
+    return bind(stmt, bound(stmt, index));
+}
+
+extern "C" int sqlite3_bind_text(sqlite3_stmt* stmt, int index, const char* text, int size,
+                                 void (*destroy)(void*))
+{
+    static const auto bind = real<decltype(sqlite3_bind_text)>("sqlite3_bind_text");
+    return bind(stmt, bound(stmt, index), text, size, destroy);
+}
+
+extern "C" int sqlite3_reset(sqlite3_stmt* stmt)
+{
+    static const auto reset = real<decltype(sqlite3_reset)>("sqlite3_reset");
+    if (depth > 0 || watches().empty()) return reset(stmt);
+
+    for (sqlite_watch* watch : watches())
+        watch->before_reset(stmt);
+    const unwatched inside;
+    return reset(stmt);
+}
+
 sqlite_watch::sqlite_watch() { watches().push_back(this); }
 
 sqlite_watch::~sqlite_watch()
@@ -78,6 +124,10 @@ sqlite_watch::~sqlite_watch()
 }
 
 bool sqlite_watch::denies(const std::string&) { return false; }
+
+bool sqlite_watch::refuses_bind(sqlite3_stmt*) { return false; }
+
+void sqlite_watch::before_reset(sqlite3_stmt*) {}
 
 void sqlite_watch::before_step(sqlite3_stmt*) {}
 
