@@ -19,6 +19,7 @@
 #include "database.h"
 #include "database_fixture.h"
 #include "faults.h"
+#include "sqlite_memory.h"
 
 namespace {
 
@@ -719,6 +720,29 @@ TEST_F(statement_column, null_is_empty_as_text)
     EXPECT_EQ(out, "kept");
     EXPECT_QUIET(stmt->column(0, out, NULL_OK), 0);
     EXPECT_EQ(out, "");
+}
+
+// Text of a file in another encoding is converted, into new memory.
+TEST(statement_column_without_memory, for_a_text_says_so_and_leaves_what_was_there)
+{
+    const std::string text(5000, 'x');
+    run_sql("utf16.db", "PRAGMA encoding = 'UTF-16le'; CREATE TABLE t(a); INSERT INTO t VALUES('" +
+                            text + "')");
+    sqlite_memory memory;
+    CDatabase db;
+    ASSERT_EQ(db.open("utf16.db", 5, false, false, false, 0, 0, 0, false), 0);
+    CStatement stmt("SELECT a FROM t", db);
+    ASSERT_EQ(stmt.step(), 1);
+
+    tk_string out = "before";
+    EXPECT_REPORTS((memory.fail_at(1), stmt.column(0, out, true)), -1,
+                   std::string(COLUMN_TEXT) + ": Error: out of memory\n");
+    EXPECT_EQ(out, "before");
+
+    EXPECT_REPORTS(stmt.reset(), -1, reset_report(SQLITE_NOMEM, "out of memory"));
+    ASSERT_EQ(stmt.step(), 1);
+    EXPECT_QUIET(stmt.column(0, out, true), 0);
+    EXPECT_EQ(out, text);
 }
 
 TEST_F(statement_column, real_is_a_present_optional_value)

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "functions.h"
+#include "sqlite_memory.h"
 
 namespace {
 
@@ -29,6 +30,19 @@ public:
     }
 
     void register_functions() { ASSERT_EQ(0, register_custom_functions(_db)); }
+
+    // The message with which SQLite refuses to load the module.
+    std::string refusal_of_module()
+    {
+        sqlite3_db_config(_db, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 1, nullptr);
+        char* message = nullptr;
+        EXPECT_EQ(SQLITE_ERROR, sqlite3_load_extension(_db, TREND_MODULE, nullptr, &message));
+        const std::string text = message == nullptr ? "" : message;
+        sqlite3_free(message);
+        return text;
+    }
+
+    sqlite3* handle() { return _db; }
 
     void exec(const std::string& sql)
     {
@@ -166,6 +180,63 @@ TEST_F(sqlite_module, works_on_after_an_error)
 {
     EXPECT_EQ("pfavg: the value must be a number or NULL", _sql.query("SELECT pfavg('')"));
     EXPECT_EQ("0.5", _sql.query("SELECT pfavg(0.5)"));
+}
+
+namespace {
+
+void other_step(sqlite3_context*, int, sqlite3_value**) {}
+void other_final(sqlite3_context* ctx) { sqlite3_result_double(ctx, 77.0); }
+
+// What the query says at last when each request for memory has failed in turn, and before that
+// nothing but that there is none.
+std::string after_every_failure(const std::string& sql)
+{
+    sqlite_memory memory;
+    connection db;
+    sqlite3_db_config(db.handle(), SQLITE_DBCONFIG_LOOKASIDE, nullptr, 0, 0);
+    db.load_module();
+    db.query(sql);  // SQLite reads the schema once
+    std::string result = "out of memory";
+    int n = 0;
+    while (result == "out of memory" && ++n < 1000) {
+        memory.fail_at(n);
+        result = db.query(sql);
+        memory.fail_at(0);
+    }
+    EXPECT_GT(n, 5) << "memory has been asked for";
+    return result;
+}
+
+}  // namespace
+
+TEST(sqlite_module_without_memory, says_so_or_gives_the_right_result)
+{
+    EXPECT_EQ("0.5", after_every_failure("SELECT pfmin(0.5)"));
+    EXPECT_EQ("25", after_every_failure("SELECT pctavg(25, 50)"));
+}
+
+TEST(sqlite_module_without_memory, for_an_error_says_so)
+{
+    EXPECT_EQ("pfmax: the value must be a number or NULL",
+              after_every_failure("SELECT pfmax('high')"));
+}
+
+// SQLite replaces no function while a statement runs.
+TEST(sqlite_module_beside_another_function, is_not_loaded)
+{
+    for (const char* name : {"pfmin", "pfavg"}) {
+        connection sql;
+        ASSERT_EQ(SQLITE_OK, sqlite3_create_function(sql.handle(), name, 1, SQLITE_UTF8, nullptr,
+                                                     nullptr, other_step, other_final));
+        sqlite3_stmt* running = nullptr;
+        ASSERT_EQ(SQLITE_OK,
+                  sqlite3_prepare_v2(sql.handle(), "VALUES (1), (2)", -1, &running, nullptr));
+        ASSERT_EQ(SQLITE_ROW, sqlite3_step(running));
+        EXPECT_EQ(std::string("error during initialization: can't create function ") + name,
+                  sql.refusal_of_module());
+        sqlite3_finalize(running);
+        EXPECT_EQ("77", sql.query(std::string("SELECT ") + name + "(0.5)"));
+    }
 }
 
 TEST_F(sqlite_module, serves_views_of_an_untrusted_file)
