@@ -957,6 +957,14 @@ TEST(invariants_of_a_large_cache, an_entry_to_be_evicted_is_in_the_set)
     EXPECT_STOPS(evict_all(), "_hashtable.find(deleteme)!=_hashtable.end()");
 }
 
+TEST_F(invariants, a_queue_node_points_to_a_slot)
+{
+    cache_t cache(1);
+    const handle_t only = cache.add_raw("a", 1);
+    only.ptr->qpos->ptr = std::next(only.ptr);
+    EXPECT_STOPS(cache.add_raw("b", 2), "deleteme.ptr!=_vals.end()");
+}
+
 TEST_F(invariants, a_real_slot_points_to_no_other_key)
 {
     const std::string key = "a";

@@ -433,6 +433,15 @@ TEST_F(database_update_cache_size, fails_when_the_page_size_cannot_be_read)
     EXPECT_EQ(trace.texts(), (texts_t{"BEGIN", "ROLLBACK"}));
 }
 
+TEST_F(database_update_cache_size, fails_when_the_reading_cannot_be_committed)
+{
+    statement_trace trace;
+    refuse_commit refusal;
+    EXPECT_REPORTS(_db.update_cache_size(1048576), -1, step_and_reset_report(9, "interrupted"));
+    EXPECT_EQ(trace.texts(), (texts_t{"BEGIN", "PRAGMA page_size", "COMMIT", "ROLLBACK"}));
+    EXPECT_FALSE(in_transaction());
+}
+
 TEST_F(database_update_cache_size, fails_when_the_cache_cannot_be_set)
 {
     deny_prepare denial("PRAGMA cache_size=256");

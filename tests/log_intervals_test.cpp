@@ -239,4 +239,10 @@ TEST(calc_period_ratios, stop_without_periods)
     EXPECT_STOPS(CLog::calc_period_ratios({}, ratios), "!periods.empty()");
 }
 
+TEST(calc_period_ratios, stop_at_a_period_of_0_minutes)
+{
+    std::vector<unsigned long> ratios;
+    EXPECT_STOPS(CLog::calc_period_ratios(periods_of({0, 5}), ratios), "periods[i]._period!=0");
+}
+
 }  // namespace

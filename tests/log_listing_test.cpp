@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -641,6 +642,25 @@ TEST_F(get_params, stop_at_a_type_that_there_is_not)
                            type + ", 1, 0, 0, 0, 0)");
         EXPECT_STOPS(params(), "(ival>=0) && (ival<SAMPLE_TYPE_LISTEND)") << type;
     }
+}
+
+// A page whose rows are out of order, as only a damaged file has them: the identifier of the first
+// of two, which stands before the row's header of nine bytes, becomes 3.
+TEST_F(get_params, stop_at_identifiers_that_descend)
+{
+    run_sql(_file,
+            "INSERT INTO params_1 VALUES (1, 'first path', 0, 1, 0, 0, 0, 0), "
+            "(2, 'second path', 0, 1, 0, 0, 0, 0)");
+    _log.close();
+    std::string bytes = file_bytes(_file);
+    size_t path = bytes.find("first path");
+    while (bytes.at(path - 9) != 9)  // the copy in the index of paths has another header
+        path = bytes.find("first path", path + 1);
+    ASSERT_EQ(bytes.at(path - 10), 1);
+    bytes.at(path - 10) = 3;
+    std::ofstream(_file, std::ios::binary) << bytes;
+    open();
+    EXPECT_STOPS(params(), "std::is_sorted(params.begin(), params.end())");
 }
 
 TEST_F(get_params, stop_at_a_flag_that_is_neither_0_nor_1)

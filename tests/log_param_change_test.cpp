@@ -508,6 +508,28 @@ TEST_F(log_modify_params, rebuilds_a_table_as_wide_as_the_database_allows)
               "param_399_min");
 }
 
+// What a statement has left over from its last step shows when it is reset for the next row.
+TEST_F(log_modify_params, fails_when_the_statement_cannot_be_reset)
+{
+    const std::string before = dump();
+    const fail_reset failing(REPLACE_1);
+    int result = 0;
+    const std::string said = capture_stderr([&] {
+        result = modify({changed(1, "u", "max"), changed(2, "i", "avg")});
+    });
+    EXPECT_EQ(result, -1);
+    EXPECT_THAT(said, testing::StartsWith(reset_report(9, "interrupted")));
+    EXPECT_EQ(dump(), before);
+    EXPECT_TRUE(at_level_0());
+}
+
+// A period of a multiple of 2^32 minutes, which no log stores, is read as its low half.
+TEST_F(log_modify_params, stops_at_a_stored_period_of_0_minutes)
+{
+    run_sql(_file, "UPDATE periods SET period = 4294967296");
+    EXPECT_STOPS(modify({changed(1, "u", "max")}), "period._period!=0");
+}
+
 // remove_params --------------------------------------------------------------------------------
 
 TEST_F(log_remove_params, refuses_a_closed_log_first)
@@ -690,6 +712,18 @@ TEST_F(log_remove_params, fails_when_the_periods_cannot_all_be_read)
     const interrupt_step second_period("SELECT * FROM periods", 2);
     EXPECT_REFUSES(remove({only_index(1)}), step_and_reset_report(9, "interrupted"));
     EXPECT_TRUE(second_period.struck());
+}
+
+TEST_F(log_remove_params, fails_when_the_statement_cannot_be_reset)
+{
+    const std::string before = dump();
+    const fail_reset failing(DELETE_1);
+    int result = 0;
+    const std::string said = capture_stderr([&] { result = remove({only_index(1)}); });
+    EXPECT_EQ(result, -1);
+    EXPECT_THAT(said, testing::StartsWith(reset_report(9, "interrupted")));
+    EXPECT_EQ(dump(), before);
+    EXPECT_TRUE(at_level_0());
 }
 
 // A parameter that is not seen would lose its columns; none seen, the whole table its values.

@@ -808,6 +808,40 @@ TEST_F(get_trend_data, failing_step_of_the_parameters_shortens_the_list)
     EXPECT_EQ(data._snapshots.at(0)._samples.size(), 1u);
 }
 
+// Of two periods with both bounds and the seam: the period, the bounds and twice the seam each,
+// then limit and offset.
+TEST_F(get_trend_data, fails_at_any_value_that_cannot_be_bound)
+{
+    const CDeviceParams device = pump({{1, 100}, {5, 100}});
+    question_t question = stitched(within(0, 9000));
+    question._limit = 10;
+    question._offset = 1;
+    for (int n = 1; n <= 2 * 5 + 2; ++n) {
+        SCOPED_TRACE(n);
+        const refuse_bind refusal(n);
+        CDeviceData data;
+        EXPECT_REPORTS(get(data, device, question), -1,
+                       "int toolkit::trend::CStatement::bind(size_t, int64_t): "
+                       "sqlite3_bind_int64(): 25 (column index out of range)\n");
+        EXPECT_TRUE(at_level_0());
+    }
+    const refuse_bind none(2 * 5 + 3);
+    EXPECT_EQ(read(device, question), "");
+}
+
+TEST_F(get_trend_data, fails_at_a_time_that_is_no_number)
+{
+    const CDeviceParams device = pump({{1, 100}});
+    run_sql(_file,
+            "DROP TABLE trends_1_1; CREATE TABLE trends_1_1 (time, percent_valid, param_1_avg); "
+            "INSERT INTO trends_1_1 VALUES ('noon', 100.0, 1.0)");
+    CDeviceData data;
+    EXPECT_REPORTS(get(data, device), 1,
+                   "int toolkit::trend::CStatement::column(size_t, int64_t&, bool) const: Column "
+                   "type is non-int\n");
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(get_trend_data, passes_on_a_refused_commit)
 {
     const CDeviceParams device = pump({{1, 100}});

@@ -1,5 +1,7 @@
 // Recording snapshots, and where to resume.
 
+#include <sqlite3.h>
+
 #include <cmath>
 #include <thread>
 
@@ -624,6 +626,55 @@ TEST_F(add_trend_data, of_two_logs_goes_on_in_two_threads)
     EXPECT_EQ(many, 0);
     EXPECT_EQ(::rows("few.db", "SELECT count(param_1_avg) FROM trends_1_2"), "150");
     EXPECT_EQ(::rows("many.db", "SELECT count(param_30_avg) FROM trends_1_50"), "6");
+}
+
+// Records into another log while the first one's row is on its way, as a host can from a callback
+// of SQLite's.
+class record_inside : public sqlite_watch {
+public:
+    record_inside(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& device)
+        : _log(log), _device(device)
+    {
+    }
+
+    void before_step(sqlite3_stmt* stmt) override
+    {
+        const std::string sql = sqlite3_sql(stmt);
+        if (_done || sql.rfind("INSERT INTO trends_1_1 ", 0) != 0) return;
+        _done = true;
+        const unwatched inside;
+        toolkit::trend::CSnapshot row;
+        row._time = 120;
+        row._percent_valid = 100.0;
+        row._samples = {avg(7.0), avg(8.0)};
+        EXPECT_QUIET(_log.add_trend_data(_device, row), 0);
+    }
+
+private:
+    toolkit::trend::CLog& _log;
+    const toolkit::trend::CDeviceParams& _device;
+    bool _done = false;
+};
+
+TEST_F(add_trend_data, inside_that_of_another_log_has_lists_of_its_own)
+{
+    CLog other;
+    ASSERT_EQ(open_log(other, "other.db"), 0);
+    ASSERT_EQ(other.add_period(CPeriodProperties(2, 100)), 0);
+    CDeviceParams fan;
+    fan._device._path = "fan";
+    fan._params = {param("n", "avg"), param("m", "avg")};
+    ASSERT_EQ(other.add_device(fan._device), 0);
+    ASSERT_EQ(other.add_params(fan._device, fan._params), 0);
+    const CDeviceParams device = pump({{1, 100}, {3, 100}});
+    record(device, 60, {1.0});
+    record(device, 120, {2.0});
+    {
+        const record_inside watch(other, fan);
+        EXPECT_QUIET(add(device, 180, {avg(3.0)}), 0);
+    }
+    EXPECT_EQ(rows("SELECT * FROM trends_1_3"), "180|100.0|2.0");
+    EXPECT_EQ(::rows("other.db", "SELECT * FROM trends_1_2"), "120|100.0|7.0|8.0");
 }
 
 class get_latest_timestamp : public recording_log {

@@ -712,6 +712,26 @@ TEST_F(propagate_recent_samples, parameter_that_is_not_stored_is_stopped_when_a_
     EXPECT_STOPS(roll_up(pump), "params[i]._index>=0");
 }
 
+TEST_F(propagate_recent_samples, finer_period_without_rows_to_keep_is_stopped)
+{
+    const CDeviceParams pump = with_eleven_stragglers();
+    EXPECT_STOPS(roll_up(pump, {{1, 0}, {5, 100}}), "period._max_entries!=0");
+}
+
+TEST_F(propagate_recent_samples, fails_at_a_time_that_is_no_number)
+{
+    const CDeviceParams pump = with_minutes(2, {{1, 100}, {5, 100}});
+    run_sql(_file,
+            "DROP TABLE trends_1_1; CREATE TABLE trends_1_1 (time, percent_valid, param_1_avg); "
+            "INSERT INTO trends_1_1 VALUES ('noon', 100.0, 1.0)");
+    const std::string before = dump();
+    EXPECT_REPORTS(roll_up(pump), -1,
+                   "int toolkit::trend::CStatement::column(size_t, int64_t&, bool) const: Column "
+                   "type is non-int\n");
+    EXPECT_EQ(dump(), before);
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(propagate_recent_samples, straggler_at_the_time_that_means_none_is_stopped)
 {
     const CDeviceParams pump = with_eleven_stragglers();
