@@ -29,11 +29,14 @@ std::vector<std::string> names_of(const CParamProperties& param)
     return names;
 }
 
-std::string appended(const CParamProperties& param)
+// What write_columns() writes, seen to stay within the room that it asks for.
+std::string written(const std::vector<CParamProperties>& params)
 {
-    tk_string text = "time";
-    append_columns(text, {param});
-    return text;
+    const std::string guard = "#guard#";
+    std::string text = std::string(columns_size(params), '-') + guard;
+    const char* end = write_columns(text.data(), params);
+    EXPECT_EQ(guard, text.substr(columns_size(params)));
+    return text.substr(0, static_cast<size_t>(end - text.data()));
 }
 
 }  // namespace
@@ -61,20 +64,26 @@ TEST(column_names, carry_identifiers_of_64_bits)
     EXPECT_THAT(names_of(param(-1, false, false, false, false, true)), ElementsAre("param_-1_sum"));
 }
 
-TEST(append_columns, puts_a_comma_before_each_name)
+TEST(write_columns, puts_a_comma_before_each_name)
 {
-    EXPECT_EQ("time, param_3_min, param_3_max, param_3_avg, param_3_actual, param_3_sum",
-              appended(param(3, true, true, true, true, true)));
-    EXPECT_EQ("time, param_12_max, param_12_sum",
-              appended(param(12, false, true, false, false, true)));
-    EXPECT_EQ("time", appended(param(12, false, false, false, false, false)));
+    EXPECT_EQ(", param_3_min, param_3_max, param_3_avg, param_3_actual, param_3_sum",
+              written({param(3, true, true, true, true, true)}));
+    EXPECT_EQ(", param_12_max, param_12_sum, param_4_avg",
+              written({param(12, false, true, false, false, true),
+                       param(4, false, false, true, false, false)}));
+    EXPECT_EQ("", written({param(12, false, false, false, false, false)}));
 }
 
 TEST(columns_size, is_never_exceeded)
 {
-    const CParamProperties longest = param(INT64_MIN, true, true, true, true, true);
-    EXPECT_LE(appended(longest).size() - std::string("time").size(), columns_size({longest}));
-    EXPECT_EQ(3 * columns_size({longest}), columns_size({longest, longest, longest}));
+    const CParamProperties shortest = param(0, false, false, false, false, true);
+    for (const int64_t index : {int64_t{0}, int64_t{9}, int64_t{10}, INT64_MAX, INT64_MIN}) {
+        const CParamProperties whole = param(index, true, true, true, true, true);
+        EXPECT_LE(written({whole}).size(), columns_size({whole}));
+        EXPECT_LE(written({shortest, whole, whole}).size(), columns_size({shortest, whole, whole}));
+        EXPECT_LE(written({whole, shortest}).size(), columns_size({whole, shortest}));
+    }
+    EXPECT_EQ("", written({}));
 }
 
 TEST(keeps_anything, is_true_for_any_one_aggregate)

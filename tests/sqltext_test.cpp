@@ -68,6 +68,16 @@ TEST(insert_sample_text, follows_the_order_of_the_parameters)
         insert_sample_text(4, 1, {param(9, "actual"), param(5, ""), param(2, "avg")}));
 }
 
+TEST(insert_sample_text, carries_the_largest_numbers_whole)
+{
+    EXPECT_EQ(
+        "INSERT INTO trends_9223372036854775807_4294967295 (time, percent_valid, "
+        "param_9223372036854775807_min, param_9223372036854775807_max, "
+        "param_9223372036854775807_avg, param_9223372036854775807_actual, "
+        "param_9223372036854775807_sum) VALUES (?,?,?,?,?,?,?)",
+        insert_sample_text(INT64_MAX, 4294967295UL, {param(INT64_MAX, "min max avg actual sum")}));
+}
+
 TEST(roll_up_text, takes_each_aggregate_by_its_own_function)
 {
     EXPECT_EQ(

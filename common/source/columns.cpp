@@ -1,7 +1,6 @@
 #include "columns.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 #include "sqlformat.h"
@@ -10,53 +9,38 @@ namespace toolkit::trend {
 
 namespace {
 
-constexpr size_t COLUMN_SIZE = sizeof(", param__actual") + MAX_DIGITS;  // at most
-
-// What a column's name is made of, in blocks of fixed size: such a copy takes an instruction or
-// two, one of the true length a call. Each piece overwrites what the block before had too much.
+// What a parameter's column names begin with, as a block of fixed size: such a copy takes an
+// instruction or two, one of the true length a call. What it has too much is overwritten.
 constexpr size_t STEM_BLOCK = 32;
-constexpr size_t NAME_BLOCK = 8;
 static_assert(sizeof(", param__") + MAX_DIGITS <= STEM_BLOCK);
-
-using name_block_t = std::array<char, NAME_BLOCK>;
-
-constexpr std::array<name_block_t, AGGREGATES.size()> name_blocks()
-{
-    std::array<name_block_t, AGGREGATES.size()> blocks{};
-    for (size_t i = 0; i < blocks.size(); ++i)
-        for (size_t k = 0; k < AGGREGATES[i]._name.size(); ++k)
-            blocks[i][k] = AGGREGATES[i]._name[k];
-    return blocks;
-}
 
 }  // namespace
 
-void append_columns(tk_string& text, const std::vector<CParamProperties>& params)
+char* write_columns(char* out, const std::vector<CParamProperties>& params)
 {
-    // Written in place: a device has hundreds of columns, and every snapshot names each one.
-    static constexpr auto NAMES = name_blocks();
-    const size_t start = text.size();
-    text.resize(start + columns_size(params) + STEM_BLOCK + NAME_BLOCK);
-    char* out = text.data() + start;
     for (const CParamProperties& param : params) {
-        char stem[STEM_BLOCK] = ", param_";
-        char* const digits = stem + sizeof(", param_") - 1;
-        const auto length =
-            static_cast<size_t>(write_piece(write_piece(digits, param._index), "_") - stem);
-        for (size_t i = 0; i < AGGREGATES.size(); ++i) {
-            if (!(param.*AGGREGATES[i]._kept)) continue;
+        char stem[STEM_BLOCK] = {};
+        const char* stem_end = write_pieces(stem, ", param_", param._index, "_");
+        visit_aggregates([&](const aggregate_t& aggregate) {
+            if (!(param.*aggregate._kept)) return 0;
             std::memcpy(out, stem, STEM_BLOCK);
-            out += length;
-            std::memcpy(out, NAMES[i].data(), NAME_BLOCK);
-            out += AGGREGATES[i]._name.size();
-        }
+            out = write_piece(out + (stem_end - stem), aggregate._name);
+            return 0;
+        });
     }
-    text.resize(static_cast<size_t>(out - text.data()));
+    return out;
 }
 
 size_t columns_size(const std::vector<CParamProperties>& params)
 {
-    return params.size() * AGGREGATES.size() * COLUMN_SIZE;
+    // By the longest index that is there: the longest that could be would double the text.
+    uint64_t largest = 0;  // a negative index, with its sign, is as long as the largest
+    for (const CParamProperties& param : params)
+        largest = std::max(largest, static_cast<uint64_t>(param._index));
+    char digits[MAX_DIGITS];
+    const size_t column_size =
+        sizeof(", param__actual") - 1 + static_cast<size_t>(write_piece(digits, largest) - digits);
+    return params.size() * AGGREGATES.size() * column_size + STEM_BLOCK;
 }
 
 bool keeps_anything(const CParamProperties& param)
@@ -70,7 +54,7 @@ std::vector<tk_string> column_list(const CParamProperties& param)
     std::vector<tk_string> names;
     for (const aggregate_t& aggregate : AGGREGATES)
         if (param.*aggregate._kept)
-            names.push_back(sql_text("param_", param._index, "_", aggregate._name));
+            names.push_back(sql_text("param_", param._index, "_").append(aggregate._name));
     return names;
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "trend_api.h"
@@ -29,10 +30,26 @@ constexpr std::array<aggregate_t, 5> AGGREGATES = {{
     {"sum", &CParamProperties::_has_sum, &CSample::_sum},
 }};
 
-// Appends ", param_7_min, param_7_max": every column of the parameters, each after a comma.
-void append_columns(tk_string& text, const std::vector<CParamProperties>& params);
+// Calls visit(aggregate) for one after the other until it returns anything but 0, which is then the
+// result. For what is done per column of a snapshot: unlike in a loop, members and names are known
+// where the call is compiled.
+template <typename Visit>
+int visit_aggregates(const Visit& visit)
+{
+    int failed = 0;
+    std::apply(
+        [&](const auto&... aggregate) {
+            static_cast<void>((((failed = visit(aggregate)) == 0) && ...));
+        },
+        AGGREGATES);
+    return failed;
+}
 
-// How many characters append_columns() adds at most.
+// Writes ", param_7_min, param_7_max": every column of the parameters, each after a comma. There
+// must be room for columns_size(); the result is where the next character goes.
+char* write_columns(char* out, const std::vector<CParamProperties>& params);
+
+// How many characters write_columns() touches at most.
 size_t columns_size(const std::vector<CParamProperties>& params);
 
 // Whether any aggregate is kept.

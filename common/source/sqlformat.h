@@ -37,6 +37,30 @@ char* write_piece(char* out, Number number)
     return std::to_chars(out, out + MAX_DIGITS, number).ptr;
 }
 
+template <typename... Pieces>
+char* write_pieces(char* out, const Pieces&... pieces)
+{
+    ((out = write_piece(out, pieces)), ...);
+    return out;
+}
+
+// How long a piece can be whose type tells.
+template <typename Piece>
+constexpr size_t max_size()
+{
+    static_assert(std::is_integral_v<Piece> || std::is_array_v<Piece>);
+    return std::is_integral_v<Piece> ? MAX_DIGITS : sizeof(Piece) - 1;
+}
+
+// A text of literals and numbers alone, put together before any memory is asked for.
+template <typename... Pieces>
+tk_string sql_text(const Pieces&... pieces)
+{
+    char text[(max_size<Pieces>() + ...)];
+    const char* end = write_pieces(text, pieces...);
+    return tk_string(text, static_cast<size_t>(end - text));
+}
+
 inline size_t piece_size(std::string_view piece) { return piece.size(); }
 
 template <size_t N>
@@ -57,17 +81,8 @@ void append_sql(tk_string& text, const Pieces&... pieces)
 {
     const size_t start = text.size();
     text.resize(start + (piece_size(pieces) + ...));
-    char* out = text.data() + start;
-    ((out = write_piece(out, pieces)), ...);
-    text.resize(static_cast<size_t>(out - text.data()));
-}
-
-template <typename... Pieces>
-tk_string sql_text(const Pieces&... pieces)
-{
-    tk_string text;
-    append_sql(text, pieces...);
-    return text;
+    const char* end = write_pieces(text.data() + start, pieces...);
+    text.resize(static_cast<size_t>(end - text.data()));
 }
 
 }  // namespace toolkit::trend

@@ -19,18 +19,20 @@ tk_string text_for_columns(const std::vector<CParamProperties>& params)
     return text;
 }
 
-// Appends ",?" for every column of the parameters.
-void append_placeholders(tk_string& text, const std::vector<CParamProperties>& params)
+// Writes ",?" for every column of the parameters.
+char* write_placeholders(char* out, const std::vector<CParamProperties>& params)
 {
-    constexpr std::string_view PLACEHOLDER = ",?";
-    const size_t start = text.size();
-    text.resize(start + params.size() * AGGREGATES.size() * PLACEHOLDER.size());
-    char* const begin = text.data() + start;
-    char* out = begin;
     for (const CParamProperties& param : params)
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (param.*aggregate._kept) out = write_piece(out, PLACEHOLDER);
-    text.resize(start + static_cast<size_t>(out - begin));
+        visit_aggregates([&](const aggregate_t& aggregate) {
+            if (param.*aggregate._kept) out = write_piece(out, ",?");
+            return 0;
+        });
+    return out;
+}
+
+size_t placeholders_size(const std::vector<CParamProperties>& params)
+{
+    return params.size() * AGGREGATES.size() * (sizeof(",?") - 1);
 }
 
 // One expression of the roll-up: what a column of the coarse row is made of.
@@ -71,12 +73,15 @@ tk_string create_trend_table_text(int64_t device, unsigned long period,
 tk_string insert_sample_text(int64_t device, unsigned long period,
                              const std::vector<CParamProperties>& params)
 {
-    tk_string text = text_for_columns(params);
-    append_sql(text, "INSERT INTO trends_", device, "_", period, " (time, percent_valid");
-    append_columns(text, params);
-    append_sql(text, ") VALUES (?,?");
-    append_placeholders(text, params);
-    append_sql(text, ")");
+    // Written in place: a device has hundreds of columns, and every snapshot names each one.
+    tk_string text(FIXED_SIZE + columns_size(params) + placeholders_size(params), '\0');
+    char* out = write_pieces(text.data(), "INSERT INTO trends_", device, "_", period,
+                             " (time, percent_valid");
+    out = write_columns(out, params);
+    out = write_pieces(out, ") VALUES (?,?");
+    out = write_placeholders(out, params);
+    out = write_pieces(out, ")");
+    text.resize(static_cast<size_t>(out - text.data()));
     return text;
 }
 
@@ -125,10 +130,11 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
                     const std::vector<CParamProperties>& params, const timebounds_t& bounds,
                     bool no_overlap, bool ascending, bool has_offset)
 {
-    tk_string head = text_for_columns(params);
-    append_sql(head, "SELECT ?, time, percent_valid");
-    append_columns(head, params);
-    append_sql(head, " FROM trends_", device, "_");
+    tk_string head(FIXED_SIZE + columns_size(params), '\0');
+    char* out = write_pieces(head.data(), "SELECT ?, time, percent_valid");
+    out = write_columns(out, params);
+    out = write_pieces(out, " FROM trends_", device, "_");
+    head.resize(static_cast<size_t>(out - head.data()));
 
     tk_string filter = " WHERE 1 ";
     if (bounds.first != -1) filter += "AND time >= ? ";

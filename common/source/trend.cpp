@@ -962,12 +962,14 @@ int insert_sample(CDatabase& db, const CDeviceParams& data, const CSnapshot& sna
     if (const int failed = bind_all(*stmt, int64_t(snapshot._time), snapshot._percent_valid))
         return failed;
     size_t placeholder = 3;
-    for (size_t k = 0; k < data._params.size(); ++k)
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (data._params[k].*aggregate._kept)
-                if (const int failed =
-                        stmt->bind(placeholder++, snapshot._samples[k].*aggregate._value))
-                    return failed;
+    for (size_t k = 0; k < data._params.size(); ++k) {
+        const CParamProperties& param = data._params[k];
+        const CSample& sample = snapshot._samples[k];
+        const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
+            return param.*aggregate._kept ? stmt->bind(placeholder++, sample.*aggregate._value) : 0;
+        });
+        if (failed) return failed;
+    }
     return stmt->step();
 }
 
@@ -1481,9 +1483,9 @@ int CLog::add_param_columns(const CDeviceProperties& device,
         for (size_t i = 0; i < periods.size(); ++i) {
             TREND_ASSERT(periods[i]._period!=0);
             for (const tk_string& name : names) {
-                const tk_string sql =
-                    sql_text("ALTER TABLE trends_", device._index, "_", periods[i]._period,
-                             " ADD COLUMN ", name, " REAL DEFAULT NULL");
+                tk_string sql = sql_text("ALTER TABLE trends_", device._index, "_",
+                                         periods[i]._period, " ADD COLUMN ");
+                append_sql(sql, name, " REAL DEFAULT NULL");
                 if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
             }
         }
