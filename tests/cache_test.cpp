@@ -965,6 +965,19 @@ TEST_F(invariants, a_queue_node_points_to_a_slot)
     EXPECT_STOPS(cache.add_raw("b", 2), "deleteme.ptr!=_vals.end()");
 }
 
+TEST_F(invariants, without_a_free_slot_every_queue_node_is_in_use)
+{
+    // The queue node that is freed with "a" is the one of "c", which frees it once more.
+    const handle_t a = add("a");
+    add("b");
+    const handle_t c = add("c");
+    a.ptr->qpos = c.ptr->qpos;
+    _cache.remove("a");
+    _cache.remove("c");
+    add("d");
+    EXPECT_STOPS(_cache.add_raw("e", 1), "_queue.size()==_size");
+}
+
 TEST_F(invariants, a_real_slot_points_to_no_other_key)
 {
     const std::string key = "a";
