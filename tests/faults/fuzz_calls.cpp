@@ -1,5 +1,5 @@
 // Any bytes are a sequence of calls, made of a log and of the model of it: they must agree after
-// each. A target for libFuzzer where that is linked, else a program that takes files of such bytes.
+// each. A target for libFuzzer.
 
 #include <stdlib.h>
 
@@ -7,37 +7,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "../model/operations.h"
 #include "../model/session.h"
+#include "fuzz_bytes.h"
 #include "recorder.h"
 
 using namespace model;
 
 namespace {
-
-// Takes decisions from the bytes, and the first one of each when they have run out.
-class bytes_t {
-public:
-    bytes_t(const uint8_t* data, size_t size) : _at(data), _end(data + size) {}
-
-    bool more() const { return _at != _end; }
-    unsigned int below(unsigned int n) { return more() ? *_at++ % n : 0; }
-
-    template <typename Value, size_t N>
-    Value one_of(const Value (&values)[N])
-    {
-        return values[below(N)];
-    }
-
-private:
-    const uint8_t* _at;
-    const uint8_t* _end;
-};
 
 constexpr size_t MOST_CALLS = 60;
 constexpr uint64_t MINUTES[] = {1, 5, 15, 2, 60, 0, 7, 4294967295};
@@ -47,7 +27,7 @@ constexpr int64_t INDEXES[] = {1, 2, 3, 0, -1, 7};
 constexpr double NUMBERS[] = {0, 1, -1, 0.5, ABSENT, 1e300, -0.25, 100};
 const char* const PATHS[] = {"a", "b", "c", ""};
 
-param_t a_param(bytes_t& bytes)
+param_t a_param(fuzz_bytes_t& bytes)
 {
     param_t param;
     param.path = bytes.one_of(PATHS);
@@ -59,7 +39,7 @@ param_t a_param(bytes_t& bytes)
     return param;
 }
 
-operation_t an_operation(bytes_t& bytes, int64_t& clock)
+operation_t an_operation(fuzz_bytes_t& bytes, int64_t& clock)
 {
     operation_t op;
     op.kind = static_cast<kind_t>(bytes.below(static_cast<unsigned int>(kind_t::CLEAR) + 1));
@@ -94,7 +74,7 @@ operation_t an_operation(bytes_t& bytes, int64_t& clock)
     return op;
 }
 
-std::string difference(bytes_t& bytes)
+std::string difference(fuzz_bytes_t& bytes)
 {
     const recorder::folder_t folder;
     const std::filesystem::path before = std::filesystem::current_path();
@@ -124,7 +104,7 @@ std::string difference(bytes_t& bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    bytes_t bytes(data, size);
+    fuzz_bytes_t bytes(data, size);
     const std::string found = difference(bytes);
     if (!found.empty()) {
         std::fprintf(stderr, "%s\n", found.c_str());
@@ -132,22 +112,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     return 0;
 }
-
-#ifdef TREND_FUZZ_REPLAY
-
-int main(int argc, char** argv)
-{
-    size_t files = 0;
-    for (int i = 1; i < argc; ++i) {
-        for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-            std::ifstream in(entry.path(), std::ios::binary);
-            const std::string bytes(std::istreambuf_iterator<char>(in), {});
-            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-            ++files;
-        }
-    }
-    std::printf("Fuzzing corpus: %zu files replayed\n", files);
-    return files >= 20 ? 0 : 1;
-}
-
-#endif

@@ -71,9 +71,6 @@ unfailing::~unfailing() { armed = _was; }
 
 }  // namespace memory
 
-// AddressSanitizer has its own, which see more.
-#ifndef __SANITIZE_ADDRESS__
-
 // Kept from being inlined, or a compiler that sees free() behind what came from new would warn.
 
 __attribute__((noinline)) void* operator new(size_t size)
@@ -82,6 +79,15 @@ __attribute__((noinline)) void* operator new(size_t size)
     void* const block = std::malloc(size != 0 ? size : 1);
     if (block == nullptr) throw std::bad_alloc();
     ++memory::live;
+    return block;
+}
+
+// A sanitizer's own would otherwise come in between.
+__attribute__((noinline)) void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+    if (memory::fails(memory::OURS)) return nullptr;
+    void* const block = std::malloc(size != 0 ? size : 1);
+    if (block != nullptr) ++memory::live;
     return block;
 }
 
@@ -95,5 +101,3 @@ __attribute__((noinline)) void operator delete(void* block, size_t) noexcept
 {
     operator delete(block);
 }
-
-#endif
