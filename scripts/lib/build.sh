@@ -13,7 +13,7 @@ build_preset() {
         libbenchmark-dev)
     case $preset in
         clang) packages+=(clang) ;;
-        sanitize) packages+=(clang libclang-rt-14-dev llvm) ;;
+        sanitize | faults-sanitize | fuzz) packages+=(clang libclang-rt-14-dev llvm) ;;
         arm*) packages+=(g++-arm-linux-gnueabihf qemu-user googletest) ;;
     esac
     need_packages "${packages[@]}"
