@@ -1,0 +1,52 @@
+"""Whether every text that the library prints stands, word for word, in a test.
+
+A format counts as the pieces between what is filled in. Which operation says what, and when, is for
+the tests themselves.
+"""
+
+import pathlib
+import re
+import sys
+
+PRINTERS = re.compile(r"\b(?:report|refuse|wrong_type|check|sqlite3_mprintf)\(")
+LITERAL = re.compile(r'"((?:[^"\\\n]|\\.)*)"')
+FILLED_IN = re.compile(r"%(?:s|d|jd|zu)")
+
+
+def code(path):
+    return re.sub(r"^\s*#.*|//.*", "", path.read_text(), flags=re.MULTILINE)
+
+
+def texts(source):
+    """The string constants, those of several literals put together."""
+    for constant in re.finditer(LITERAL.pattern + r"(?:\s*" + LITERAL.pattern + ")*", source):
+        yield "".join(LITERAL.findall(constant.group(0)))
+
+
+def arguments(source, start):
+    depth = 1
+    for end in range(start, len(source)):
+        depth += (source[end] == "(") - (source[end] == ")")
+        if depth == 0:
+            return source[start:end]
+    return ""
+
+
+def main():
+    tests = pathlib.Path("tests")
+    files = [*tests.glob("*.cpp"), *tests.glob("support/*"), *tests.glob("module/*.cpp")]
+    seen = "\n".join(text for file in files for text in texts(code(file)))
+    pieces = set()
+    for file in sorted(pathlib.Path("common/source").glob("*.cpp")):
+        source = code(file)
+        for call in PRINTERS.finditer(source):
+            for text in texts(arguments(source, call.end())):
+                pieces.update((piece.strip(), file) for piece in FILLED_IN.split(text))
+    pieces = {(piece, file) for piece, file in pieces if re.search("[a-z]", piece)}
+    missing = sorted(f"no test has the text of {file}: {piece}" for piece, file in pieces
+                     if piece not in seen)
+    print("\n".join(missing or [f"Messages: the {len(pieces)} texts all stand in a test"]))
+    sys.exit(bool(missing))
+
+
+main()
