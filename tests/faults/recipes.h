@@ -2,6 +2,7 @@
 
 // The programs of docs/reliability.md, word for word: recipes_test compares and runs them.
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 #include <vector>
@@ -32,7 +33,8 @@ inline int record_among_others(CLog& log, const CDeviceParams& device, const CSn
 }
 
 // After a start, however the last run ended: fills the gap since the newest row with blank rows and
-// sets `next` to the end of the interval that is to be recorded next. `period` is the finest one's.
+// sets `next` to the end of the interval that is to be recorded next, which lies after the newest
+// row even if the clock was set back meanwhile. `period` is the finest one's.
 inline int resume(CLog& log, const CDeviceProperties& device, unsigned long period, time_t now,
                   time_t& next)
 {
@@ -40,6 +42,6 @@ inline int resume(CLog& log, const CDeviceProperties& device, unsigned long peri
     if (const int failed = log.get_latest_timestamp(device, latest)) return failed;
     if (latest != -1)
         if (const int failed = log.fill_blank_values(device, now, false)) return failed;
-    next = CLog::next_interval_boundary(period, now);
+    next = CLog::next_interval_boundary(period, std::max(now, latest));
     return 0;
 }
