@@ -18,11 +18,14 @@ struct io_failure_t {
     const char* _name;
     disk::call_t _call;
     int _code;
-    bool _lasts;  // can go on failing; a lock that others hold for ever is waited for, for ever
+    // Whether it can go on failing. A lock that others hold for ever is waited for, for ever; what
+    // is damaged is one page, not the journal besides.
+    bool _lasts;
 };
 
 const io_failure_t IO_FAILURES[] = {
     {"read", disk::READ, SQLITE_IOERR_READ, true},
+    {"read of a damaged page", disk::READ, SQLITE_CORRUPT, false},
     {"write", disk::WRITE, SQLITE_IOERR_WRITE, true},
     {"write to a full disk", disk::WRITE, SQLITE_FULL, true},
     {"short write", disk::SHORT_WRITE, SQLITE_IOERR_WRITE, true},
