@@ -45,6 +45,13 @@ __attribute__((noinline)) void* operator new(size_t size)
     throw std::bad_alloc();
 }
 
+// A sanitizer has one of its own, whose memory must not be freed here.
+__attribute__((noinline)) void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+    if (++allocations::made == allocations::failing) return nullptr;
+    return std::malloc(size != 0 ? size : 1);
+}
+
 __attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
 
 __attribute__((noinline)) void operator delete(void* memory, size_t) noexcept { std::free(memory); }
