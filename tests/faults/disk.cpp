@@ -17,6 +17,7 @@ namespace disk {
 namespace {
 
 constexpr int PATH_SIZE = 256;
+constexpr sqlite3_int64 LARGEST_FILE = 64 * 1024 * 1024;  // more only a damaged page number wants
 constexpr int SHM_LOCKS = SQLITE_SHM_NLOCK;
 
 struct handle_t;
@@ -142,6 +143,7 @@ int write(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 offset)
 {
     const memory::unfailing inside;
     if (const int failed = failure(WRITE)) return failed;
+    if (offset + size > LARGEST_FILE) return SQLITE_FULL;
     if (const int failed = failure(SHORT_WRITE)) {
         put(of(file), bytes, static_cast<size_t>(size) / 2, static_cast<size_t>(offset));
         return failed;
@@ -154,6 +156,7 @@ int truncate(sqlite3_file* file, sqlite3_int64 size)
 {
     const memory::unfailing inside;
     if (const int failed = failure(TRUNCATE)) return failed;
+    if (size > LARGEST_FILE) return SQLITE_FULL;
     of(file)._file->_bytes.resize(static_cast<size_t>(size));
     write_down({event_t::TRUNCATED, of(file)._name, static_cast<size_t>(size), ""});
     return SQLITE_OK;
