@@ -71,6 +71,7 @@ TEST(io, every_call_fails_during_every_operation)
     const tally_t tally = run_jobs(sweep_jobs(faults, first, stride), 20);
     std::printf("I/O points: %zu swept (1 in %zu), %zu failing\n", tally._points, stride,
                 tally._failures.size());
-    EXPECT_GE(tally._points, 25000 / stride);
+    // A step with fewer calls than the stride may have none of the sample.
+    EXPECT_GE(tally._points, stride == 1 ? 25000 : 25000 / stride / 4);
     EXPECT_TRUE(tally._failures.empty()) << tally.failures();
 }

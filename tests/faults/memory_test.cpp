@@ -42,7 +42,8 @@ void sweep(memory::source_t source, const char* name, size_t stride, size_t goal
     const tally_t tally = run_jobs(sweep_jobs(faults, first, stride), 20);
     std::printf("Failing %s requests: %zu swept (1 in %zu, from number %zu), %zu failing\n", name,
                 tally._points, stride, first, tally._failures.size());
-    EXPECT_GE(tally._points, goal / further);
+    // A step with fewer requests than the stride may have none of the sample.
+    EXPECT_GE(tally._points, further == 1 ? goal : goal / further / 4);
     EXPECT_TRUE(tally._failures.empty()) << tally.failures();
 }
 
