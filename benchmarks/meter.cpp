@@ -1,11 +1,13 @@
 #include "meter.h"
 
 #include <malloc.h>
+#include <sqlite3.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -26,6 +28,11 @@ int64_t value_of(const char* file, const std::string& name)
 }
 
 int synchronise(long call, int fd) { return sync_is_off ? 0 : static_cast<int>(syscall(call, fd)); }
+
+bool configure(int threading_mode)
+{
+    return sqlite3_shutdown() == SQLITE_OK && sqlite3_config(threading_mode) == SQLITE_OK;
+}
 
 }  // namespace
 
@@ -55,3 +62,10 @@ int64_t bytes_written() { return value_of("/proc/self/io", "wchar:"); }
 without_sync::without_sync(bool active) : _before(sync_is_off) { sync_is_off = active; }
 
 without_sync::~without_sync() { sync_is_off = _before; }
+
+without_locks::without_locks()
+{
+    if (!configure(SQLITE_CONFIG_MULTITHREAD)) throw std::runtime_error("SQLite keeps its locks");
+}
+
+without_locks::~without_locks() { configure(SQLITE_CONFIG_SERIALIZED); }

@@ -28,3 +28,14 @@ public:
 private:
     bool _before;
 };
+
+// While one lives, SQLite takes no locks against other threads on a connection. To be made and left
+// while none is open.
+class without_locks {
+public:
+    without_locks();
+    ~without_locks();
+
+    without_locks(const without_locks&) = delete;
+    without_locks& operator=(const without_locks&) = delete;
+};

@@ -368,6 +368,16 @@ void add(const std::string& name, int64_t iterations,
         ->UseRealTime();
 }
 
+// As a host with one thread for each log may have it.
+template <typename Job, typename Run>
+void add_without_locks(const Job& job, Run run)
+{
+    add(std::string(job._name) + "/library", job._iterations, [=](benchmark::State& state) {
+        const without_locks unlocked;
+        run(state, job);
+    });
+}
+
 template <typename Job, typename Run>
 void add_sides(const Job& job, Run library, Run floor)
 {
@@ -416,6 +426,15 @@ void add_all()
           recording_t{"record_100x8_commit_each", hundred, true, 0, 16, 60, false}})
         add(std::string(job._name) + "/library", job._iterations,
             [=](benchmark::State& state) { run_recording<library_side>(state, job); });
+
+    // The library against itself again, without locks that a single thread never waits for.
+    add_without_locks(recording_t{"record_1x8_no_locks", {1, 8}, true, 100, day, 200},
+                      run_recording<library_side>);
+    add_without_locks(
+        recording_t{"record_1x8_commit_each_no_locks", {1, 8}, true, 0, day, 8000, false},
+        run_recording<library_side>);
+    add_without_locks(reading_t{"read_8_no_locks", {1, 8}, 3, false, false, 20},
+                      run_reading<library_side>);
 
     // The peer's jobs: a call each, and a durable minute of a hundred devices.
     const recording_t durable = {"record_100x8_durable", hundred, true, 1, 16, 60};
