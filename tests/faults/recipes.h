@@ -3,7 +3,9 @@
 // The programs of docs/reliability.md, word for word: recipes_test compares and runs them.
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,9 +29,28 @@ inline int record_together(CLog& log, const std::vector<std::pair<CDeviceParams,
 // Stores one row although other processes write the same file.
 inline int record_among_others(CLog& log, const CDeviceParams& device, const CSnapshot& snapshot)
 {
-    for (int attempt = 0; attempt < 10; ++attempt)
-        if (log.add_trend_data(device, snapshot) == 0) return 0;
-    return -1;
+    int failed = -1;
+    for (int attempt = 0; failed != 0 && attempt < 30; ++attempt) {
+        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(attempt));
+        failed = log.add_trend_data(device, snapshot);
+    }
+    return failed;
+}
+
+// Adds the periods that the log does not have yet, although another process may be doing so too.
+inline int add_missing_periods(CLog& log, const std::vector<CPeriodProperties>& wanted)
+{
+    if (const int failed = log.begin_transaction()) return failed;
+    std::vector<CPeriodProperties> stored;
+    int failed = log.get_periods(stored);
+    for (const CPeriodProperties& period : wanted) {
+        const auto is_same = [&](const auto& other) { return other._period == period._period; };
+        if (failed == 0 && std::none_of(stored.begin(), stored.end(), is_same))
+            failed = log.add_period(period);
+    }
+    if (failed == 0) return log.end_transaction();
+    log.rollback_transaction();
+    return failed;
 }
 
 // After a start, however the last run ended: fills the gap since the newest row with blank rows and

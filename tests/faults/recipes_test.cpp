@@ -115,7 +115,7 @@ TEST_F(recipes, stand_in_the_text_as_they_are_here)
         const std::string program = document.substr(at, document.find("```", at) - at);
         EXPECT_NE(squeezed(source).find(squeezed(program)), std::string::npos) << program;
     }
-    EXPECT_EQ(programs, 3U);
+    EXPECT_EQ(programs, 4U);
 }
 
 TEST_F(recipes, rows_are_stored_together)
@@ -129,6 +129,11 @@ TEST_F(recipes, a_row_is_stored_among_other_writers)
         const auto [device, snapshot] = row(1800);
         return record_among_others(log, device, snapshot);
     });
+}
+
+TEST_F(recipes, missing_periods_are_added)
+{
+    sweep([](CLog& log) { return add_missing_periods(log, {{1, 12}, {5, 8}, {15, 4}, {60, 10}}); });
 }
 
 TEST_F(recipes, recording_resumes_after_the_newest_row)

@@ -15,9 +15,9 @@ using namespace toolkit::trend;
 
 namespace recorder {
 
-namespace {
-
 const std::vector<CPeriodProperties> PERIODS = {{1, 30}, {5, 12}, {15, 8}};
+
+namespace {
 
 CParamProperties wanted_param()
 {
@@ -50,14 +50,9 @@ bool is_right(const CSnapshot& row, long length, long last)
            is(sample._actual, end) && is(sample._sum, count * (end - (count - 1.0) / 2.0));
 }
 
-}  // namespace
-
-int start(CLog& log, const std::string& file, bool wal, const std::string& device,
-          CDeviceParams& data)
+// Finds the periods, the device and its parameter, or adds them.
+int set_up(CLog& log, const std::string& device, CDeviceParams& data)
 {
-    if (!log.is_open())
-        if (log.open(file, false, true, 20, false, 0, 0, 0, wal) != 0) return -1;
-
     std::vector<CPeriodProperties> periods;
     if (log.get_periods(periods) != 0) return -1;
     for (const CPeriodProperties& period : PERIODS) {
@@ -83,14 +78,32 @@ int start(CLog& log, const std::string& file, bool wal, const std::string& devic
     return log.add_params(data._device, data._params);
 }
 
-int record(CLog& log, const CDeviceParams& data, size_t minute)
+}  // namespace
+
+int start(CLog& log, const std::string& file, bool wal, const std::string& device,
+          CDeviceParams& data)
+{
+    if (!log.is_open())
+        if (log.open(file, false, true, 20, false, 0, 0, 0, wal) != 0) return -1;
+    if (log.begin_transaction() != 0) return -1;
+    if (set_up(log, device, data) == 0) return log.end_transaction();
+    log.rollback_transaction();
+    return -1;
+}
+
+CSnapshot snapshot_of(size_t minute)
 {
     const auto value = static_cast<double>(minute);
     CSnapshot snapshot;
     snapshot._time = static_cast<time_t>(minute) * 60;
     snapshot._percent_valid = 100.0;
     snapshot._samples = {CSample{value, value, value, value, value}};
-    return log.add_trend_data(data, snapshot);
+    return snapshot;
+}
+
+int record(CLog& log, const CDeviceParams& data, size_t minute)
+{
+    return log.add_trend_data(data, snapshot_of(minute));
 }
 
 long newest(CLog& log, const CDeviceParams& data)

@@ -5,17 +5,22 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "trend_api.h"
 
 namespace recorder {
+
+// What every log of this host has.
+extern const std::vector<toolkit::trend::CPeriodProperties> PERIODS;
 
 // Opens the log and stores what is missing of periods, device and parameters, as a host does after
 // every start. -1 when a call fails; call it again then.
 int start(toolkit::trend::CLog& log, const std::string& file, bool wal, const std::string& device,
           toolkit::trend::CDeviceParams& data);
 
-// Records the row of the n-th minute.
+// The row of the n-th minute, and recording it.
+toolkit::trend::CSnapshot snapshot_of(size_t minute);
 int record(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data, size_t minute);
 
 // The newest minute that the log has, 0 when there is none; -1 when it can't be read.

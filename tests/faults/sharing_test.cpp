@@ -279,6 +279,47 @@ TEST_P(sharing, two_logs_on_one_file_in_one_thread_work_only_in_turns)
     EXPECT_TRUE(both.is_done());
 }
 
+TEST_F(sharing_wal, what_another_has_added_since_a_listing_is_a_duplicate)
+{
+    CLog log;
+    CLog other;
+    ASSERT_EQ(open(log), 0);
+    ASSERT_EQ(open(other), 0);
+    CDeviceProperties device;
+    device._path = "plant/fan";
+    ASSERT_EQ(other.add_period({30, 4}), 0);
+    ASSERT_EQ(other.add_device(device), 0);
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(log.add_period({30, 4}), -1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("1555"), std::string::npos);
+    device = CDeviceProperties();
+    device._path = "plant/fan";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(log.add_device(device), -1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("2067"), std::string::npos);
+}
+
+TEST_F(sharing_wal, what_another_has_added_since_a_listing_in_the_same_transaction_is_seen_later)
+{
+    CLog log;
+    CLog other;
+    ASSERT_EQ(open(log), 0);
+    ASSERT_EQ(open(other), 0);
+    std::vector<CPeriodProperties> periods;
+    ASSERT_EQ(log.begin_transaction(), 0);
+    ASSERT_EQ(log.get_periods(periods), 0);
+    ASSERT_EQ(other.add_period({30, 4}), 0);
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(log.add_period({30, 4}), -1);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("517"), std::string::npos) << said;
+    log.rollback_transaction();
+    ASSERT_EQ(log.get_periods(periods), 0);
+    EXPECT_EQ(periods.back()._period, 30U);
+}
+
 // Each has read before it writes, as every recording does. One may write and waits for the other's
 // read to end; the other waits to be allowed to write.
 TEST_F(sharing_journal, two_writers_block_each_other_until_one_is_gone)
