@@ -116,3 +116,11 @@ TEST_F(earliest_and_latest_time, of_32_bits_are_recorded)
     ASSERT_EQ(1u, data._snapshots.size());
     EXPECT_EQ(last, data._snapshots[0]._time);
 }
+
+// Of these the next boundaries need more than 32 bits.
+TEST_F(earliest_and_latest_time, of_32_bits_have_a_boundary_before_them)
+{
+    // 2147483000 is 2386092 quarters of an hour and 200 seconds. 40000000 minutes end in 2046.
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, 2147483000), 2147482800);
+    EXPECT_QUIET(CLog::previous_interval_boundary(40000000, 100), 0);
+}

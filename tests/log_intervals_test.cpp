@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -128,6 +129,23 @@ TEST(previous_interval_boundary, on_a_boundary_is_the_time_itself)
     EXPECT_EQ(0, CLog::previous_interval_boundary(1, 0));
     EXPECT_EQ(60, CLog::previous_interval_boundary(1, 60));
     EXPECT_EQ(1800, CLog::previous_interval_boundary(15, 1800));
+}
+
+// The next boundary fits no time there.
+TEST(previous_interval_boundary, of_the_largest_time_is_the_last_of_all)
+{
+    const bool wide = sizeof(time_t) > 4;
+    const time_t largest = std::numeric_limits<time_t>::max();
+    // 9223372036854775807 is 10248191152060862 quarters of an hour and 7 seconds, 2147483647 is
+    // 2386092 of them and 847 seconds.
+    const time_t last = largest - (wide ? 7 : 847);
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, largest), last);
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, last + 1), last);
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, last), last);
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, last - 1), last - 900);
+
+    const fixed_clock clock(last + 3);
+    EXPECT_QUIET(CLog::previous_interval_boundary(15, -1), last);
 }
 
 TEST(previous_interval_boundary, takes_the_present_for_minus_one)

@@ -574,7 +574,10 @@ time_t CLog::previous_interval_boundary(unsigned long period, time_t now)
 {
     const time_t next = next_interval_boundary(period, now);
     if (next == -1) return -1;
-    return static_cast<time_t>(next - static_cast<int64_t>(period) * SECONDS_PER_MINUTE);
+    // The last boundary before the next one. One interval less would be wrong where the next one
+    // fits no time: the largest time stands for it then, which lies within an interval.
+    const int64_t len = static_cast<int64_t>(period) * SECONDS_PER_MINUTE;
+    return static_cast<time_t>((next - 1) / len * len);
 }
 
 int CLog::calc_period_ratios(const std::vector<CPeriodProperties>& periods,
