@@ -282,10 +282,11 @@ public:
     // but must be valid.
     int remove_period(const CPeriodProperties& period);
 
-    // The first interval boundary after `now` (never `now` itself), and the one at or before it, in
-    // seconds; `period` in minutes. `now` is 0 or later, or -1 for the present; anything else is an
-    // assertion failure. -1 after "Error: invalid period" (period 0) or "Error: can't get system
-    // time", both reported by next_interval_boundary().
+    // The first interval boundary after `now`, also when `now` is one, or the largest time where no
+    // time_t holds it; and the boundary at or before `now`. In seconds; `period` in minutes. `now`
+    // is 0 or later, or -1 for the present; anything else is an assertion failure. -1 after "Error:
+    // invalid period" (0 or beyond 32 bits) or "Error: can't get system time", both reported by
+    // next_interval_boundary().
     static time_t next_interval_boundary(unsigned long period, time_t now);
     static time_t previous_interval_boundary(unsigned long period, time_t now);
 
