@@ -233,6 +233,17 @@ TEST_F(log_add_device, refuses_a_guid_that_is_taken)
     EXPECT_TRUE(at_level_0());
 }
 
+TEST_F(log_add_device, resets_before_it_rolls_back)
+{
+    add_device("pump");
+    CDeviceProperties again = device("pump");
+    const statement_trace trace;
+    capture_stderr([&] { EXPECT_EQ(_log.add_device(again), -1); });
+    EXPECT_EQ(
+        trace.texts_and_resets(),
+        rolled_back_after("INSERT INTO devices VALUES ((SELECT max(idx)+1 FROM devices),?,?)"));
+}
+
 TEST_F(log_add_device, takes_a_path_that_differs_in_case_only)
 {
     add_device("pump");
@@ -441,6 +452,16 @@ TEST_F(log_modify_device, refuses_the_guid_of_another_device)
     EXPECT_TRUE(at_level_0());
 }
 
+TEST_F(log_modify_device, resets_before_it_rolls_back)
+{
+    add_device("pump");
+    add_device("fan");
+    const statement_trace trace;
+    capture_stderr([&] { EXPECT_EQ(_log.modify_device(device("pump", "", 2)), -1); });
+    EXPECT_EQ(trace.texts_and_resets(),
+              rolled_back_after("UPDATE devices SET path = ?, guid = ? WHERE idx = ?"));
+}
+
 TEST_F(log_modify_device, is_part_of_the_callers_transaction)
 {
     add_device("pump");
@@ -531,6 +552,16 @@ TEST_F(log_remove_device, prepares_afresh_what_changes_the_file)
     EXPECT_QUIET(_log.remove_device(pump), 0);
     EXPECT_EQ(trace.prepared(), (texts_t{"DELETE FROM devices WHERE idx = ?", "DROP TABLE params_1",
                                          "DROP TABLE trends_1_1"}));
+}
+
+TEST_F(log_remove_device, resets_before_it_rolls_back)
+{
+    const CDeviceProperties pump = add_device("pump");
+    run_sql(_file,
+            "CREATE TRIGGER t BEFORE DELETE ON devices BEGIN SELECT RAISE(ABORT, 'no'); END");
+    const statement_trace trace;
+    EXPECT_REPORTS(_log.remove_device(pump), -1, step_and_reset_report(1811, "no"));
+    EXPECT_EQ(trace.texts_and_resets(), rolled_back_after("DELETE FROM devices WHERE idx = ?"));
 }
 
 TEST_F(log_remove_device, of_an_unknown_identifier_fails_at_its_parameter_table)

@@ -191,8 +191,8 @@ TEST_F(log_add_period, resets_before_it_rolls_back)
 {
     add_period(15, 100);
     const statement_trace trace;
-    capture_stderr([&] { _log.add_period(CPeriodProperties(15, 200)); });
-    EXPECT_EQ(trace.texts(), (texts_t{"BEGIN", "INSERT INTO periods VALUES (?,?)", "ROLLBACK"}));
+    capture_stderr([&] { EXPECT_EQ(_log.add_period(CPeriodProperties(15, 200)), -1); });
+    EXPECT_EQ(trace.texts_and_resets(), rolled_back_after("INSERT INTO periods VALUES (?,?)"));
 }
 
 TEST_F(log_add_period, fails_when_the_devices_cannot_all_be_read)
@@ -429,6 +429,18 @@ TEST_F(log_modify_period, stops_at_the_first_failing_trim_and_rolls_back)
     EXPECT_TRUE(at_level_0());
 }
 
+TEST_F(log_modify_period, resets_before_it_rolls_back)
+{
+    add_period(15, 100);
+    run_sql(_file,
+            "CREATE TRIGGER t BEFORE UPDATE ON periods BEGIN SELECT RAISE(ABORT, 'no'); END");
+    const statement_trace trace;
+    EXPECT_REPORTS(_log.modify_period(CPeriodProperties(15, 50)), -1,
+                   step_and_reset_report(1811, "no"));
+    EXPECT_EQ(trace.texts_and_resets(),
+              rolled_back_after("UPDATE periods SET max_entries = ? WHERE period = ?"));
+}
+
 TEST_F(log_modify_period, fails_when_the_devices_cannot_all_be_read)
 {
     add_period(1, 100);
@@ -566,6 +578,17 @@ TEST_F(log_remove_period, rolls_everything_back_when_a_table_is_missing)
                    prepare_report("no such table: trends_2_15"));
     EXPECT_EQ(dump(), before);
     EXPECT_TRUE(at_level_0());
+}
+
+TEST_F(log_remove_period, resets_before_it_rolls_back)
+{
+    add_period(15, 100);
+    run_sql(_file,
+            "CREATE TRIGGER t BEFORE DELETE ON periods BEGIN SELECT RAISE(ABORT, 'no'); END");
+    const statement_trace trace;
+    EXPECT_REPORTS(_log.remove_period(CPeriodProperties(15, 100)), -1,
+                   step_and_reset_report(1811, "no"));
+    EXPECT_EQ(trace.texts_and_resets(), rolled_back_after("DELETE FROM periods WHERE period = ?"));
 }
 
 TEST_F(log_remove_period, fails_when_the_devices_cannot_all_be_read)

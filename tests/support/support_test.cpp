@@ -162,6 +162,20 @@ TEST(statement_trace, records_each_run_once_and_tells_what_was_prepared)
     EXPECT_EQ(trace.times_prepared("DELETE FROM t"), 1);
 }
 
+TEST(statement_trace, tells_when_a_statement_is_reset)
+{
+    const handle_t db = open_handle("file.db");
+    const stmt_t kept = prepare(db, "SELECT 1 UNION SELECT 2");
+
+    const statement_trace trace;
+    sqlite3_step(kept.get());
+    sqlite3_step(kept.get());
+    step(db, "SELECT 3");
+    sqlite3_reset(kept.get());
+    EXPECT_EQ(trace.texts_and_resets(),
+              (texts_t{"SELECT 1 UNION SELECT 2", "SELECT 3", "reset SELECT 1 UNION SELECT 2"}));
+}
+
 TEST(statement_trace, sees_neither_the_tests_own_statements_nor_those_within_a_statement)
 {
     run_sql("file.db", THREE_ROWS);

@@ -20,6 +20,9 @@ public:
     const texts_t& texts() const { return _texts; }
     const texts_t& expanded() const { return _expanded; }
 
+    // The texts as above, and "reset ..." with the text of each statement that was reset.
+    const texts_t& texts_and_resets() const { return _texts_and_resets; }
+
     // The texts that were prepared, in order. A statement that is run but not in here came from the
     // pool.
     const texts_t& prepared() const { return _prepared; }
@@ -31,14 +34,20 @@ public:
     void clear();
 
     bool denies(const std::string& sql) override;
+    void before_reset(sqlite3_stmt* stmt) override;
     void before_step(sqlite3_stmt* stmt) override;
     void after_step(sqlite3_stmt* stmt, int result) override;
 
 private:
     texts_t _texts;
     texts_t _expanded;
+    texts_t _texts_and_resets;
     texts_t _prepared;
     const sqlite3_stmt* _busy = nullptr;  // found the file busy, steps again
 };
 
 using texts_t = statement_trace::texts_t;
+
+// What texts_and_resets() says of an operation that ran one statement in a transaction of its own,
+// failed there and let go of the statement before it rolled back.
+texts_t rolled_back_after(const std::string& sql);
