@@ -200,6 +200,21 @@ TEST_P(log_migration, that_fails_at_any_statement_leaves_the_file_as_it_was)
     EXPECT_EQ(rows(FILE_NAME, VERSION), "2");
 }
 
+// The pool has just enough for the three texts that stay in it: any other would have displaced one.
+TEST_P(log_migration, prepares_afresh_what_changes_the_file)
+{
+    open_args args;
+    args._wal = false;
+    args._pool_capacity = 3;
+    EXPECT_QUIET(open_log(_log, FILE_NAME, args), 0);
+
+    std::vector<CDeviceProperties> devices;
+    const statement_trace trace;
+    EXPECT_QUIET(_log.get_devices(devices), 0);
+    EXPECT_EQ(trace.texts(), (texts_t{"BEGIN", "SELECT * FROM devices", "COMMIT"}));
+    EXPECT_EQ(trace.prepared(), texts_t{});
+}
+
 TEST_P(log_migration, that_is_interrupted_leaves_the_file_as_it_was)
 {
     const texts_t all =

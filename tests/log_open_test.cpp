@@ -164,10 +164,13 @@ TEST(log_open, creates_only_the_table_that_is_missing)
     EXPECT_EQ(rows("trend.db", "SELECT count(*) FROM devices"), "0");
 }
 
-TEST(log_open, prepares_its_fixed_texts_for_the_pool)
+// Just enough for these three: any other text in the pool would have displaced one of them.
+TEST(log_open, prepares_its_fixed_texts_for_the_pool_and_the_others_afresh)
 {
+    open_args args;
+    args._pool_capacity = 3;
     CLog log;
-    EXPECT_QUIET(open_log(log, "new.db"), 0);
+    EXPECT_QUIET(open_log(log, "new.db", args), 0);
     std::vector<CDeviceProperties> devices;
     const statement_trace trace;
     EXPECT_QUIET(log.get_devices(devices), 0);
