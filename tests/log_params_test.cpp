@@ -537,6 +537,20 @@ TEST_F(log_add_params, use_the_highest_identifier_again_once_it_is_free)
     EXPECT_EQ(columns_of(_file, "trends_1_1"), "time percent_valid param_1_avg param_2_min");
 }
 
+// The same text again, for a parameter that gets the identifier of one that is gone.
+TEST_F(log_add_params, prepare_each_column_afresh)
+{
+    add_period(1, 100);
+    const CDeviceProperties pump = add_device("pump");
+    const statement_trace trace;
+    for (const char* const path : {"a", "b"}) {
+        const CDeviceParams added = add_params(pump, {param(path, "avg")});
+        ASSERT_EQ(_log.remove_params(pump, added._params), 0);
+    }
+    EXPECT_EQ(
+        trace.times_prepared("ALTER TABLE trends_1_1 ADD COLUMN param_1_avg REAL DEFAULT NULL"), 2);
+}
+
 TEST_F(log_add_params, run_their_statements_in_one_transaction)
 {
     add_periods({{15, 100}, {1, 100}});
