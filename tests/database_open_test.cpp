@@ -351,6 +351,13 @@ TEST_F(database_open, gives_a_new_file_its_page_size)
     EXPECT_EQ(rows("PRAGMA page_size"), "8192");
 }
 
+TEST_F(database_open, leaves_the_judgement_of_a_page_size_to_sqlite)
+{
+    open_args args = in_rollback_mode();
+    args._page_size = 100;  // less than any page has
+    EXPECT_EQ(run_by(args), texts_t{"PRAGMA page_size=100"});
+}
+
 TEST_F(database_open, sizes_the_cache_by_the_pages_of_the_file)
 {
     run_sql(_file, "PRAGMA page_size = 1024; CREATE TABLE t(a)");
