@@ -499,6 +499,7 @@ TEST_F(database_open, works_after_a_file_that_cannot_be_opened)
 TEST_F(database_open, close_tidies_up_after_a_file_that_cannot_be_opened)
 {
     capture_stderr([&] { EXPECT_EQ(open("missing/trend.db"), 14); });
+    EXPECT_TRUE(_db.is_open());  // the handle that SQLite gave for the failure
     _db.close();
     EXPECT_FALSE(_db.is_open());
 }
