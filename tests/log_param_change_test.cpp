@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "count_changes.h"
 #include "expect.h"
 #include "faults.h"
 #include "log_fixture.h"
@@ -527,7 +528,22 @@ TEST_F(log_modify_params, fails_when_the_statement_cannot_be_reset)
 TEST_F(log_modify_params, stops_at_a_stored_period_of_0_minutes)
 {
     run_sql(_file, "UPDATE periods SET period = 4294967296");
-    EXPECT_STOPS(modify({changed(1, "u", "max")}), "period._period!=0");
+    EXPECT_STOPS(modify({changed(1, "u", "max")}), "periods[i]._period!=0");
+}
+
+TEST_F(log_modify_params, stored_parameter_that_returns_a_row_is_stopped)
+{
+    count_changes fault;
+    EXPECT_STOPS(modify({changed(1, "u", "max")}), "retval<=0");
+}
+
+TEST_F(log_modify_params, passes_on_a_row_out_of_a_rebuild)
+{
+    const std::string before = dump();
+    count_changes fault("CREATE TABLE tmp_table");
+    EXPECT_EQ(modify({changed(1, "u", "max")}), 1);
+    EXPECT_EQ(dump(), before);
+    EXPECT_TRUE(at_level_0());
 }
 
 // remove_params --------------------------------------------------------------------------------
@@ -667,6 +683,26 @@ TEST_F(log_remove_params, prepares_the_deleting_statement_once_and_afresh)
                        "INSERT INTO tmp_table SELECT time, percent_valid, param_3_actual FROM "
                        "trends_1_1",
                        "DROP TABLE trends_1_1", "ALTER TABLE tmp_table RENAME TO trends_1_1"}));
+}
+
+TEST_F(log_remove_params, empties_the_parameter_table_afresh_with_each_rebuild)
+{
+    add_period(15, 100);
+    const statement_trace trace;
+    EXPECT_QUIET(remove({only_index(1), only_index(2), only_index(3)}), 0);
+    EXPECT_EQ(trace.times_prepared("DELETE FROM params_1"), 2);
+}
+
+TEST_F(log_remove_params, stops_at_a_stored_period_of_0_minutes)
+{
+    run_sql(_file, "UPDATE periods SET period = 4294967296");
+    EXPECT_STOPS(remove({only_index(1)}), "periods[i]._period!=0");
+}
+
+TEST_F(log_remove_params, removal_that_returns_a_row_is_stopped)
+{
+    count_changes fault;
+    EXPECT_STOPS(remove({only_index(1)}), "retval<=0");
 }
 
 TEST_F(log_remove_params, without_periods_removes_the_parameters_only)

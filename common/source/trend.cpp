@@ -815,9 +815,11 @@ int CLog::modify_params(const CDeviceProperties& device,
             if (const int failed = run(*stmt)) return failed;
         }
 
-        for (const CPeriodProperties& period : periods)
-            if (const int failed = recreate_trend_table(period, device, new_params, all_params))
+        for (size_t i = 0; i < periods.size(); ++i) {
+            TREND_ASSERT(periods[i]._period!=0);
+            if (const int failed = recreate_trend_table(periods[i], device, new_params, all_params))
                 return failed;
+        }
 
         return level.end();
     } catch (...) {
@@ -860,9 +862,11 @@ int CLog::remove_params(const CDeviceProperties& device,
         std::vector<CParamProperties> new_params;
         std::set_difference(all_params.begin(), all_params.end(), param_copies.begin(),
                             param_copies.end(), std::back_inserter(new_params));
-        for (const CPeriodProperties& period : periods)
-            if (const int failed = recreate_trend_table(period, device, new_params, {}))
+        for (size_t i = 0; i < periods.size(); ++i) {
+            TREND_ASSERT(periods[i]._period!=0);
+            if (const int failed = recreate_trend_table(periods[i], device, new_params, {}))
                 return failed;
+        }
 
         return level.end();
     } catch (...) {

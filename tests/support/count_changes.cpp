@@ -6,7 +6,7 @@
 
 void count_changes::before_step(sqlite3_stmt* stmt)
 {
-    if (_done) return;
+    if (_done || std::string(sqlite3_sql(stmt)).rfind(_from, 0) != 0) return;
     _done = true;
 
     const unwatched own;
