@@ -97,6 +97,16 @@ TEST_F(fill_blank_values, appends_one_row_for_every_missing_interval)
               "6000|100.0|1.0\n6060|0.0|NULL\n6120|0.0|NULL\n6180|0.0|NULL");
 }
 
+TEST_F(fill_blank_values, goes_on_from_a_newest_row_at_0)
+{
+    add_periods({{1, 100}, {15, 100}});
+    const CDeviceParams device = add_device("pump", {param("u", "avg")});
+    record(device, 0, {1.0});
+    EXPECT_QUIET(fill(device, 120), 0);
+    // The trim at the end takes the row at 0: its cutoff does not go below that.
+    EXPECT_EQ(rows("SELECT time FROM trends_1_1"), "60\n120");
+}
+
 TEST_F(fill_blank_values, blank_rows_count_as_1_percent_valid_on_request)
 {
     const CDeviceParams device = pump({{1, 100}});

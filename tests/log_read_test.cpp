@@ -412,6 +412,28 @@ TEST_F(get_trend_data, upper_bound_stays_with_the_oldest_of_several_finer_period
     EXPECT_EQ(upper_bounds(device, {{15, 100}, {60, 100}, {1440, 100}}), "-1 1000 1000");
 }
 
+TEST_F(get_trend_data, upper_bound_reaches_over_an_empty_period)
+{
+    const CDeviceParams device = pump({{15, 100}, {60, 100}, {1440, 100}});
+    put("trends_1_15", {1000});
+    put("trends_1_1440", {500});
+    EXPECT_EQ(upper_bounds(device, {{15, 100}, {60, 100}, {1440, 100}}), "-1 1000 1000");
+}
+
+// Without the bound it would return coarse rows over fine ones.
+TEST_F(get_trend_data, fails_when_the_oldest_time_of_a_period_is_not_read)
+{
+    const CDeviceParams device = pump({{15, 100}, {60, 100}});
+    put("trends_1_15", {1000});
+    put("trends_1_60", {500, 3600});
+    {
+        interrupt_step fault("SELECT min(time) FROM trends_1_15");
+        CDeviceData data;
+        EXPECT_REPORTS(get(data, device, stitched()), -1, step_and_reset_report(9, "interrupted"));
+    }
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(get_trend_data, only_the_periods_asked_for_bound_one_another)
 {
     const CDeviceParams device = pump({{15, 100}, {60, 100}, {1440, 100}});
@@ -840,6 +862,20 @@ TEST_F(get_trend_data, fails_at_a_time_that_is_no_number)
                    "int toolkit::trend::CStatement::column(size_t, int64_t&, bool) const: Column "
                    "type is non-int\n");
     EXPECT_TRUE(at_level_0());
+}
+
+TEST_F(get_trend_data, fails_at_a_row_without_time_or_percentage)
+{
+    const CDeviceParams device = pump({{1, 100}});
+    for (const char* row : {"NULL, 100.0, 1.0", "60, NULL, 1.0"}) {
+        run_sql(_file, std::string("DROP TABLE trends_1_1; "
+                                   "CREATE TABLE trends_1_1 (time, percent_valid, param_1_avg); "
+                                   "INSERT INTO trends_1_1 VALUES (") +
+                           row + ")");
+        CDeviceData data;
+        EXPECT_EQ(get(data, device), 1) << row;
+        EXPECT_TRUE(data._snapshots.empty());
+    }
 }
 
 TEST_F(get_trend_data, passes_on_a_refused_commit)

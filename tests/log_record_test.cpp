@@ -160,6 +160,39 @@ TEST_F(add_trend_data, takes_time_0)
     EXPECT_EQ(rows("SELECT time FROM trends_1_1"), "0");
 }
 
+// The cutoff does not go below 0, and the row at the cutoff goes.
+TEST_F(add_trend_data, time_0_is_trimmed_at_once_from_the_coarsest_period)
+{
+    const CDeviceParams device = pump({{1, 100}});
+    EXPECT_QUIET(add(device, 0, {avg(1)}), 0);
+    EXPECT_EQ(rows("SELECT time FROM trends_1_1"), "");
+}
+
+// No log gives this number, but it is a number like any other.
+TEST_F(add_trend_data, identifier_0_is_one)
+{
+    CDeviceParams device = pump({{1, 100}, {15, 100}});
+    run_sql(_file,
+            "UPDATE devices SET idx = 0; "
+            "UPDATE params_1 SET idx = 0; "
+            "ALTER TABLE params_1 RENAME TO params_0; "
+            "ALTER TABLE trends_1_1 RENAME TO trends_0_1; "
+            "ALTER TABLE trends_0_1 RENAME COLUMN param_1_avg TO param_0_avg; "
+            "ALTER TABLE trends_1_15 RENAME TO trends_0_15; "
+            "ALTER TABLE trends_0_15 RENAME COLUMN param_1_avg TO param_0_avg");
+    device._device._index = 0;
+    device._params[0]._index = 0;
+    EXPECT_QUIET(add(device, 60, {avg(1)}), 0);
+    EXPECT_QUIET(_log.fill_blank_values(device._device, 120, false), 0);
+    CDeviceData data;
+    EXPECT_QUIET(_log.get_trend_data(data, device, {}, {-1, -1}, 0, 0, true, true), 0);
+    ASSERT_EQ(data._snapshots.size(), 2U);
+    EXPECT_EQ(*data._snapshots[0]._samples[0]._avg, 1.0);
+    EXPECT_QUIET(_log.modify_params(device._device, {device._params}), 0);
+    EXPECT_QUIET(_log.clear_trend_data(device._device, {-1, -1}), 0);
+    EXPECT_EQ(rows("SELECT count(*) FROM trends_0_1"), "0");
+}
+
 TEST_F(add_trend_data, takes_times_beyond_32_bits)
 {
     if (sizeof(time_t) < 8) GTEST_SKIP() << "time_t has 32 bits here";

@@ -785,6 +785,15 @@ TEST_F(trim_period_table, deletes_when_the_cutoff_meets_the_oldest_row)
     EXPECT_EQ(oldest(), "120");
 }
 
+TEST_F(trim_period_table, cutoff_keeps_the_seconds_of_the_newest_row)
+{
+    // 20 intervals and a half less 20.
+    run_sql(_file,
+            "INSERT INTO trends_1_1 VALUES (20, 0.0, NULL), (40, 0.0, NULL), (1230, 0, NULL)");
+    EXPECT_QUIET(_log.trim_period_table(_pump._device, {1, 20}, false), 0);
+    EXPECT_EQ(oldest(), "40");
+}
+
 TEST_F(trim_period_table, deletes_nothing_that_is_not_old_enough)
 {
     statement_trace trace;
