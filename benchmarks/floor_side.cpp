@@ -235,7 +235,7 @@ size_t floor_side::read(size_t number, size_t periods, const timebounds_t& bound
     }
     sqlite3_bind_int64(stmt, placeholder, -1);
 
-    _values = std::vector<double>();
+    _values.clear();
     const int columns = sqlite3_column_count(stmt);
     size_t rows = 0;
     for (; sqlite3_step(stmt) == SQLITE_ROW; ++rows) {

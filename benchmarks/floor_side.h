@@ -90,5 +90,5 @@ private:
     std::map<read_t, sqlite3_stmt*> _reads;
     std::vector<sqlite3_stmt*> _all;
     int64_t _sink = 0;            // what is read of the configuration goes here
-    std::vector<double> _values;  // of the last read
+    std::vector<double> _values;  // of the last read; the next one uses their memory again
 };
