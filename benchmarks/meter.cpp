@@ -5,14 +5,27 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <new>
 #include <stdexcept>
 #include <string>
 
 namespace {
 
 bool sync_is_off = false;
+
+bool counts_allocations = false;
+int64_t allocated = 0;
+int64_t most_allocated = 0;
+
+// What a block takes, with the word in front of it.
+int64_t size_of(void* block)
+{
+    return static_cast<int64_t>(malloc_usable_size(block) + sizeof(size_t));
+}
 
 // The number after "name:" in a file of the process's own.
 int64_t value_of(const char* file, const std::string& name)
@@ -46,6 +59,37 @@ extern "C" __attribute__((visibility("default"))) int fdatasync(int fd)
 {
     return synchronise(SYS_fdatasync, fd);
 }
+
+// And these before the standard library's, whose other forms come here. Blocks of special alignment
+// are not counted.
+void* operator new(size_t size)
+{
+    void* const block = std::malloc(size);
+    if (!block) throw std::bad_alloc();
+    if (counts_allocations) {
+        allocated += size_of(block);
+        most_allocated = std::max(most_allocated, allocated);
+    }
+    return block;
+}
+
+void operator delete(void* block) noexcept
+{
+    if (counts_allocations && block) allocated -= size_of(block);
+    std::free(block);
+}
+
+void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
+
+allocations_t::allocations_t()
+{
+    allocated = most_allocated = 0;
+    counts_allocations = true;
+}
+
+allocations_t::~allocations_t() { counts_allocations = false; }
+
+int64_t allocations_t::most() const { return most_allocated; }
 
 int64_t peak_memory() { return value_of("/proc/self/status", "VmHWM:") * 1024; }
 

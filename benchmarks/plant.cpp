@@ -99,6 +99,46 @@ void copy_first_device(const std::string& file, const plant_t& plant)
     run_all(db.get(), "COMMIT");
 }
 
+void fill_tables(const std::string& file, const plant_t& plant)
+{
+    constexpr int spare = 10;  // rows more than the period's own number stay in the table
+    const connection_t db = open_connection(file);
+    run_all(db.get(), "BEGIN");
+    for (size_t number = 1; number <= plant._devices; ++number)
+        for (const CPeriodProperties& period : plant._periods) {
+            const std::string minutes = std::to_string(period._period);
+            const std::string rows = std::to_string(period._max_entries + spare);
+            std::string sql = "WITH RECURSIVE t(n, m) AS (SELECT 0, " +
+                              std::to_string(history_end(plant)) + " - (" + rows + " - 1) * " +
+                              minutes + " UNION ALL SELECT n + 1, m + " + minutes +
+                              " FROM t WHERE n + 1 < " + rows + ") INSERT INTO trends_" +
+                              std::to_string(number) + "_" + minutes + " SELECT 60 * m, 100.0";
+            for (size_t i = 0; i < plant._params; ++i)
+                sql += ", m % 10000, m % 10000 + 1.0, m % 10000 + 0.5, m % 10000";
+            run_all(db.get(), sql + " FROM t");
+        }
+    run_all(db.get(), "COMMIT");
+}
+
+// Its memory is none of the benchmark's.
+template <typename Work>
+void in_a_process_of_its_own(const std::string& what, Work work)
+{
+    const pid_t child = fork();
+    want(child >= 0, "can't fork");
+    if (child == 0) {
+        try {
+            work();
+        } catch (const std::exception& failure) {
+            CLog::err(0, "%s", failure.what());
+            _exit(1);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    want(waitpid(child, &status, 0) == child && status == 0, "can't " + what);
+}
+
 // FNV-1a over 32 bits: a number that a benchmark's counter holds exactly.
 class checksum_t {
 public:
@@ -137,42 +177,15 @@ private:
 
 void make_log(const std::string& file, const plant_t& plant)
 {
-    // In a process of its own, whose memory is none of the benchmark's.
-    const pid_t child = fork();
-    want(child >= 0, "can't fork");
-    if (child == 0) {
-        try {
-            make_first_device(file, plant);
-            copy_first_device(file, plant);
-        } catch (const std::exception& failure) {
-            CLog::err(0, "%s", failure.what());
-            _exit(1);
-        }
-        _exit(0);
-    }
-    int status = 0;
-    want(waitpid(child, &status, 0) == child && status == 0, "can't make " + file);
+    in_a_process_of_its_own("make " + file, [&] {
+        make_first_device(file, plant);
+        copy_first_device(file, plant);
+    });
 }
 
 void add_history(const std::string& file, const plant_t& plant)
 {
-    constexpr int spare = 10;  // rows more than the period's own number stay in the table
-    const connection_t db = open_connection(file);
-    run_all(db.get(), "BEGIN");
-    for (size_t number = 1; number <= plant._devices; ++number)
-        for (const CPeriodProperties& period : plant._periods) {
-            const std::string minutes = std::to_string(period._period);
-            const std::string rows = std::to_string(period._max_entries + spare);
-            std::string sql = "WITH RECURSIVE t(n, m) AS (SELECT 0, " +
-                              std::to_string(history_end(plant)) + " - (" + rows + " - 1) * " +
-                              minutes + " UNION ALL SELECT n + 1, m + " + minutes +
-                              " FROM t WHERE n + 1 < " + rows + ") INSERT INTO trends_" +
-                              std::to_string(number) + "_" + minutes + " SELECT 60 * m, 100.0";
-            for (size_t i = 0; i < plant._params; ++i)
-                sql += ", m % 10000, m % 10000 + 1.0, m % 10000 + 0.5, m % 10000";
-            run_all(db.get(), sql + " FROM t");
-        }
-    run_all(db.get(), "COMMIT");
+    in_a_process_of_its_own("fill " + file, [&] { fill_tables(file, plant); });
 }
 
 int64_t history_end(const plant_t& plant)

@@ -67,6 +67,18 @@ PAIRS = [
      "record_100x8_rrd/librrd", "cpu", 0.80),
 ]
 
+# What memory is compared with what: (text, numerator and its counter, denominator and its counter,
+# goal). "allocated" is the most that one read had allocated, "records" what the rows read take,
+# "peak" the most that the process had resident.
+MEMORY = [
+    ("read all of three periods, 8 params: allocated, against records",
+     ("read_8/library", "allocated"), ("read_8/library", "records"), 1.25),
+    ("read all of three periods, 100 params: allocated, against records",
+     ("read_100/library", "allocated"), ("read_100/library", "records"), 1.25),
+    ("1000x8, every statement pooled: peak of the process",
+     ("record_1000x8_tick/library", "peak"), ("record_1000x8_tick/floor", "peak"), 1.15),
+]
+
 
 def run(program, name):
     """The result of one benchmark in a process and a folder of its own."""
@@ -82,6 +94,21 @@ def run(program, name):
 def time_of(result, clock):
     """Microseconds per item."""
     return result[clock + "_time"] / result["items"]
+
+
+def kilobytes(runs, counter):
+    """The median of what the runs counted in bytes; empty where they do not."""
+    if counter not in runs[0]:
+        return ""
+    return f"{statistics.median(run[counter] for run in runs) / 1024:.0f}"
+
+
+def judge(text, unit, values, ratios, goal):
+    """A line of the tables of ratios: the medians of both sides, then the ratio and its goal."""
+    ratio = statistics.median(ratios)
+    return (text, *unit, *(f"{value:.2f}" for value in values), f"{ratio:.2f}",
+            f"{min(ratios):.2f}", f"{max(ratios):.2f}", "" if goal is None else f"{goal:.2f}",
+            "" if goal is None else "reached" if ratio <= goal else "missed")
 
 
 def table(rows):
@@ -124,25 +151,31 @@ def main():
 
     rows = [("case", "clock", "us", "against", "ratio", "min", "max", "goal", "")]
     for text, above, below, clock, goal in pairs:
-        ratio = statistics.median(ratios[text])
         times = [statistics.median(time_of(r, clock) for r in results[name])
                  for name in (above, below)]
-        rows.append((text, clock, f"{times[0]:.2f}", f"{times[1]:.2f}", f"{ratio:.2f}",
-                     f"{min(ratios[text]):.2f}", f"{max(ratios[text]):.2f}",
-                     "" if goal is None else f"{goal:.2f}",
-                     "" if goal is None else "reached" if ratio <= goal else "missed"))
+        rows.append(judge(text, [clock], times, ratios[text], goal))
     print("Time per snapshot, row read or call, microseconds:\n")
     table(rows)
 
-    rows = [("benchmark", "written per item", "peak KB", "growth KB", "records KB")]
+    rows = [("case", "KB", "against", "ratio", "min", "max", "goal", "")]
+    for text, above, below, goal in MEMORY:
+        if not {above[0], below[0]} <= results.keys():
+            continue
+        sides = [[r[counter] / 1024 for r in results[name]] for name, counter in (above, below)]
+        rows.append(judge(text, [], map(statistics.median, sides),
+                          [a / b for a, b in zip(*sides)], goal))
+    if len(rows) > 1:
+        print("\nMemory:\n")
+        table(rows)
+
+    rows = [("benchmark", "written per item", "peak KB", "growth KB", "allocated KB",
+             "records KB")]
     for name, runs in results.items():
-        last = runs[-1]
-        records = f"{last['records'] / 1024:.0f}" if "records" in last else ""
-        rows.append((name, f"{last['bytes_per_item']:.0f}",
-                     f"{statistics.median(r['peak'] for r in runs) / 1024:.0f}",
-                     f"{statistics.median(r['peak_growth'] for r in runs) / 1024:.0f}", records))
+        rows.append((name, f"{runs[-1]['bytes_per_item']:.0f}", kilobytes(runs, "peak"),
+                     kilobytes(runs, "peak_growth"), kilobytes(runs, "allocated"),
+                     kilobytes(runs, "records")))
     print("\nBytes in write calls, and memory (peak of the process, how far it grew in the timed"
-          " part, what the records read take):\n")
+          " part; what the first read allocated, and what its records take):\n")
     table(rows)
     for text in skipped:
         print(f"\nNot run, not in this build: {text}")
