@@ -120,6 +120,15 @@ void fill_tables(const std::string& file, const plant_t& plant)
     run_all(db.get(), "COMMIT");
 }
 
+// The first column of a query's last row.
+int64_t integer(const std::string& file, const std::string& sql)
+{
+    int64_t value = -1;
+    for_each_row(open_connection(file).get(), sql,
+                 [&](sqlite3_stmt* row) { value = sqlite3_column_int64(row, 0); });
+    return value;
+}
+
 // Its memory is none of the benchmark's.
 template <typename Work>
 void in_a_process_of_its_own(const std::string& what, Work work)
@@ -240,10 +249,12 @@ void measure(CSnapshot& snapshot, int64_t minute)
 
 int64_t count_rows(const std::string& file, const std::string& table)
 {
-    int64_t count = -1;
-    for_each_row(open_connection(file).get(), "SELECT count(*) FROM " + table,
-                 [&](sqlite3_stmt* row) { count = sqlite3_column_int64(row, 0); });
-    return count;
+    return integer(file, "SELECT count(*) FROM " + table);
+}
+
+int64_t newest_time(const std::string& file, const std::string& table)
+{
+    return integer(file, "SELECT max(time) FROM " + table);
 }
 
 uint32_t checksum(const std::string& file)

@@ -2,9 +2,9 @@
 // with a floor are run by both, in a file of their own each. An iteration is one transaction or one
 // call; the counter `items` says how many snapshots, rows or calls it stands for.
 //
-// Every benchmark checks what it has done, and counters tell a checksum of the file or of the
-// values read, which must be the same for all sides of a case. With --brief everything runs for a
-// moment only.
+// Every benchmark checks what it has done. A label says what has been recorded, filled or read, and
+// the counter `result` is a checksum of the file or of the values: benchmarks with the same label
+// must have the same. With --brief everything runs for a moment only.
 
 #include <benchmark/benchmark.h>
 
@@ -32,7 +32,7 @@ namespace {
 
 bool brief = false;
 bool anything_failed = false;
-std::map<std::string, double> results;  // by case
+std::map<std::string, double> results;  // by label
 
 void want(bool fine, const char* what)
 {
@@ -90,12 +90,21 @@ private:
     int64_t _peak = 0;
 };
 
-// All sides of a case that have done the same number of iterations must come to the same result.
-void compare(benchmark::State& state, const std::string& name, double result)
+std::string describe(const plant_t& plant)
 {
+    std::string text = std::to_string(plant._devices) + "x" + std::to_string(plant._params);
+    for (const toolkit::trend::CPeriodProperties& period : plant._periods)
+        text += ", " + std::to_string(period._max_entries) + " of " +
+                std::to_string(period._period) + " min";
+    return text;
+}
+
+void compare(benchmark::State& state, const std::string& label, double result)
+{
+    state.SetLabel(label);
     state.counters["result"] = result;
-    const auto known = results.emplace(name, result).first;
-    want(known->second == result, "the sides of this case have different results");
+    const auto known = results.emplace(label, result).first;
+    want(known->second == result, "another benchmark had another result");
 }
 
 // Recording ------------------------------------------------------------------------------------
@@ -146,24 +155,34 @@ void record(benchmark::State& state, Side& side, const recording_t& job)
     cost.tell(state, plant._devices * static_cast<size_t>(std::max(job._minutes_each, 1)));
 }
 
-// Every table of the last device ends where it should; the finest holds every row or is full.
-void check_recorded(const scratch_file& file, const recording_t& job, int64_t iterations)
+int64_t minutes_recorded(const recording_t& job, int64_t iterations)
+{
+    return job._warm_up + iterations * static_cast<int64_t>(std::max(job._minutes_each, 1));
+}
+
+// Every table of the last device ends where it should and has the rows that it should: all of them
+// where recording began with empty tables, else as many as are kept, and those that came since the
+// last roll-up, which trims.
+void check_recorded(const scratch_file& file, const recording_t& job, int64_t minutes)
 {
     const plant_t& plant = job._plant;
-    const int64_t recorded =
-        job._warm_up + iterations * static_cast<int64_t>(std::max(job._minutes_each, 1));
-    const std::string table = "trends_" + std::to_string(plant._devices) + "_1";
-    const int64_t rows = count_rows(file._name, table);
-    if (!job._history) {
-        want(rows == recorded, "not every snapshot has a row");
-        return;
+    const int64_t begin = job._history ? history_end(plant) : 0;
+    for (size_t i = 0; i < plant._periods.size(); ++i) {
+        const auto length = static_cast<int64_t>(plant._periods[i]._period);
+        const int64_t added = minutes / length;
+        int64_t expected = added;
+        if (job._history) {
+            expected = static_cast<int64_t>(plant._periods[i]._max_entries) + 10;
+            if (i + 1 < plant._periods.size())
+                expected += added % static_cast<int64_t>(plant._periods[i + 1]._period /
+                                                         plant._periods[i]._period);
+        }
+        const std::string table =
+            "trends_" + std::to_string(plant._devices) + "_" + std::to_string(length);
+        want(count_rows(file._name, table) == expected, "a table has not the rows it should");
+        want(added == 0 || newest_time(file._name, table) == 60 * (begin + added * length),
+             "a table does not end where it should");
     }
-    const auto full = static_cast<int64_t>(plant._periods[0]._max_entries) + 10;
-    const auto group = static_cast<int64_t>(plant._periods[1]._period);
-    want(rows >= full && rows < full + group, "the finest table is not trimmed");
-    const int64_t last = 60 * (history_end(plant) + recorded);
-    want(count_rows(file._name, table + " WHERE time = " + std::to_string(last)) == 1,
-         "the last snapshot has no row");
 }
 
 template <typename Side>
@@ -182,8 +201,12 @@ void run_recording(benchmark::State& state, const recording_t& job)
             record(state, side, job);
         }
     }
-    check_recorded(file, job, static_cast<int64_t>(state.iterations()));
-    compare(state, job._name, checksum(file._name));
+    const int64_t minutes = minutes_recorded(job, static_cast<int64_t>(state.iterations()));
+    check_recorded(file, job, minutes);
+    compare(state,
+            "record " + describe(job._plant) + (job._history ? ", full at first: " : ": ") +
+                std::to_string(minutes) + " minutes",
+            checksum(file._name));
 }
 
 #ifdef TREND_BENCH_RRD
@@ -193,10 +216,8 @@ void run_rrd(benchmark::State& state, const recording_t& job)
     rrd_side side(job._plant, begin);
     record(state, side, job);
 
-    const int64_t recorded =
-        job._warm_up + static_cast<int64_t>(state.iterations()) * std::max(job._minutes_each, 1);
     toolkit::trend::CSnapshot last = empty_snapshot(job._plant);
-    measure(last, begin + recorded);
+    measure(last, begin + minutes_recorded(job, static_cast<int64_t>(state.iterations())));
     want(side.stored_average(job._plant._devices - 1, last._time) == *last._samples[0]._avg,
          "the last snapshot is not stored");
 }
