@@ -273,7 +273,19 @@ uint32_t checksum(const std::string& file)
     return sum.sum();
 }
 
-void run_sql_on(const std::string& file, const std::string& sql)
+uint32_t checksum_of_values(const std::string& file, const plant_t& plant, size_t device)
 {
-    run_all(open_connection(file).get(), sql);
+    std::string columns = "time, percent_valid";
+    for (size_t i = 1; i <= plant._params; ++i)
+        for (const char* kept : {"_min", "_max", "_avg", "_actual"})
+            columns += ", param_" + std::to_string(i) + kept;
+
+    const connection_t db = open_connection(file);
+    checksum_t sum;
+    for (const CPeriodProperties& period : plant._periods)
+        for_each_row(db.get(),
+                     "SELECT " + columns + " FROM trends_" + std::to_string(device) + "_" +
+                         std::to_string(period._period) + " ORDER BY time",
+                     [&](sqlite3_stmt* row) { sum.add_row(row); });
+    return sum.sum();
 }

@@ -35,11 +35,9 @@ size_t statements_of(const plant_t& plant);
 toolkit::trend::CSnapshot empty_snapshot(const plant_t& plant);
 void measure(toolkit::trend::CSnapshot& snapshot, int64_t minute);
 
-// What a file holds, to be compared: rows of one table, the newest of them, and a checksum of
-// schema and all rows.
+// What a file holds, to be compared: rows of one table, the newest of them, a checksum of schema
+// and all rows, and one of a device's values alone, whatever other columns there are.
 int64_t count_rows(const std::string& file, const std::string& table);
 int64_t newest_time(const std::string& file, const std::string& table);
 uint32_t checksum(const std::string& file);
-
-// Runs statements on a connection of their own, for what the library does not have.
-void run_sql_on(const std::string& file, const std::string& sql);
+uint32_t checksum_of_values(const std::string& file, const plant_t& plant, size_t device);
