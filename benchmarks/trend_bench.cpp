@@ -526,7 +526,9 @@ void add_all()
     for (const reading_t& job : {reading_t{"read_8", {1, 8}, 3, false, false, 20},
                                  reading_t{"read_100", {1, 100}, 3, false, false, 4},
                                  reading_t{"read_8_no_overlap", {1, 8}, 3, false, true, 20},
+                                 reading_t{"read_100_no_overlap", {1, 100}, 3, false, true, 4},
                                  reading_t{"read_8_one_period", {1, 8}, 1, false, false, 20},
+                                 reading_t{"read_100_one_period", {1, 100}, 1, false, false, 4},
                                  reading_t{"read_8_day", {1, 8}, 1, true, false, 20},
                                  reading_t{"read_100_day", {1, 100}, 1, true, false, 4}})
         add_sides(job, run_reading<library_side>, run_reading<floor_side>);
