@@ -472,7 +472,7 @@ void add_all()
          {recording_t{"record_1x8_day_kept", {1, 8}, true, 100, day, 200, false},
           recording_t{"record_1x8_million_kept", million, true, 100, day, 200, false},
           recording_t{"record_1x8_ratio_60", hours, true, 100, day, 200, false},
-          recording_t{"record_1x8_ratio_1440", days, true, 100, day, 200, false},
+          recording_t{"record_1x8_ratio_1440", days, true, 100, day, 100, false},
           recording_t{"record_100x8_all_pooled", hundred, true, 1, 16, 60, false}})
         add_recording(job);
     for (const recording_t& job :
@@ -510,12 +510,12 @@ void add_all()
     add_recording({"roll_up_1x100", halved, true, 100, brief ? 30 : 300, 20});
 
     for (const size_t devices : {size_t{1}, size_t{100}})
-        add("open_" + std::to_string(devices) + "x8/library", 200, [=](benchmark::State& state) {
+        add("open_" + std::to_string(devices) + "x8/library", 50, [=](benchmark::State& state) {
             run_opening(state, {devices, 8});
         });
     for (const size_t params : {size_t{8}, size_t{100}})
         // An odd number of changes leaves the file different.
-        add("rebuild_1x" + std::to_string(params) + "/library", 11, [=](benchmark::State& state) {
+        add("rebuild_1x" + std::to_string(params) + "/library", 7, [=](benchmark::State& state) {
             run_rebuilding(state, {1, params});
         });
     add("pool_hit/library", 20000, [](benchmark::State& state) { run_pool(state, 2); });

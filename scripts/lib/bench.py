@@ -133,7 +133,7 @@ def table(rows):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("program")
-    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--rounds", type=int, default=6)
     parser.add_argument("--only", default="", help="only pairs whose benchmarks contain this")
     options = parser.parse_args()
 
