@@ -20,9 +20,20 @@ constexpr int PATH_SIZE = 256;
 constexpr sqlite3_int64 LARGEST_FILE = 64 * 1024 * 1024;  // more only a damaged page number wants
 constexpr int SHM_LOCKS = SQLITE_SHM_NLOCK;
 
+std::optional<size_t> room;  // that is left, if it is limited
+
 struct handle_t;
 
 struct file_t {
+    file_t() = default;
+    ~file_t()
+    {
+        if (room) *room += _bytes.size();
+    }
+
+    file_t(const file_t&) = delete;
+    file_t& operator=(const file_t&) = delete;
+
     std::string _bytes;
 
     // The locks of the rollback journal's protocol.
@@ -85,6 +96,16 @@ void write_down(event_t event)
     if (recording && !event._file.empty()) events.push_back(std::move(event));
 }
 
+// Takes the room for the file's new size, or gives back what it does not need any more.
+bool take_room(const file_t& file, size_t size)
+{
+    if (!room) return true;
+    const size_t there = *room + file._bytes.size();
+    if (size > there) return false;
+    room = there - size;
+    return true;
+}
+
 void put(handle_t& handle, const void* bytes, size_t size, size_t offset)
 {
     std::string& to = handle._file->_bytes;
@@ -144,6 +165,9 @@ int write(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 offset)
     const memory::unfailing inside;
     if (const int failed = failure(WRITE)) return failed;
     if (offset + size > LARGEST_FILE) return SQLITE_FULL;
+    const file_t& to = *of(file)._file;
+    const auto end = static_cast<size_t>(offset + size);
+    if (!take_room(to, std::max(to._bytes.size(), end))) return SQLITE_FULL;
     if (const int failed = failure(SHORT_WRITE)) {
         put(of(file), bytes, static_cast<size_t>(size) / 2, static_cast<size_t>(offset));
         return failed;
@@ -156,7 +180,8 @@ int truncate(sqlite3_file* file, sqlite3_int64 size)
 {
     const memory::unfailing inside;
     if (const int failed = failure(TRUNCATE)) return failed;
-    if (size > LARGEST_FILE) return SQLITE_FULL;
+    if (size > LARGEST_FILE || !take_room(*of(file)._file, static_cast<size_t>(size)))
+        return SQLITE_FULL;
     of(file)._file->_bytes.resize(static_cast<size_t>(size));
     write_down({event_t::TRUNCATED, of(file)._name, static_cast<size_t>(size), ""});
     return SQLITE_OK;
@@ -462,6 +487,10 @@ size_t disarm()
     plan.reset();
     return struck;
 }
+
+void leave_room(size_t bytes) { room = bytes; }
+
+void make_room() { room.reset(); }
 
 void start_recording()
 {

@@ -56,6 +56,12 @@ void arm(call_t call, int code, size_t n, bool persistent);
 // Ends that; how many calls failed.
 size_t disarm();
 
+// Leaves room for so many bytes more: a write that makes a file longer takes of it, and fails as on
+// a full disk where there is not enough; what is truncated or deleted gives its room back. Until
+// make_room() it counts for all files together, temporary ones too.
+void leave_room(size_t bytes);
+void make_room();
+
 // What changes the disk, in order.
 struct event_t {
     enum kind_t { WRITTEN, TRUNCATED, SYNCED, CREATED, DELETED, MARK };

@@ -30,6 +30,8 @@ class recipes : public testing::Test {
 protected:
     static void SetUpTestSuite() { install_faults(); }
 
+    void TearDown() override { disk::make_room(); }
+
     void SetUp() override
     {
         _row.first._device._path = "plant/pump";
@@ -84,6 +86,16 @@ protected:
         }
         std::printf("Recipe: %zu points\n", points);
         EXPECT_GT(points, 20U);
+    }
+
+    // The call's result, with what it reports.
+    template <typename Call>
+    static int reported(Call call, std::string& said)
+    {
+        testing::internal::CaptureStderr();
+        const int result = call();
+        said = testing::internal::GetCapturedStderr();
+        return result;
     }
 
     std::pair<CDeviceParams, CSnapshot> _row;
@@ -223,26 +235,109 @@ TEST_F(recipes, a_transaction_that_was_dropped_under_a_listing_stores_nothing)
     EXPECT_EQ(log.add_trend_data(_row.first, row(1800).second), 0);
 }
 
-// Deleting needs room in the journal or the write-ahead log, and what it frees stays in the file.
-TEST_F(recipes, a_full_disk_is_not_helped_by_deleting)
+// What was checkpointed leaves its room in the write-ahead log, which is used without a byte more.
+TEST_F(recipes, a_full_disk_is_written_to_until_the_write_ahead_log_has_to_grow)
+{
+    disk::restore(base_image(step_t::LOG, true));
+    CLog log;
+    ASSERT_EQ(prepare(log, {true, true}), 0);
+    time_t time = 1800;
+    for (; time < 3000; time += 60)
+        ASSERT_EQ(log.add_trend_data(_row.first, row(time).second), 0);
+    ASSERT_EQ(log.checkpoint(), 0);
+
+    disk::leave_room(0);
+    EXPECT_EQ(log.add_trend_data(_row.first, row(time).second), 0);
+    EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, time - 60}), 1);
+    EXPECT_EQ(log.remove_period({5, 8}), 0);
+
+    std::string before;
+    std::string said;
+    int result = 0;
+    while (result == 0 && time < 60000) {
+        before = live_view();
+        time += 60;
+        result = reported([&] { return log.add_trend_data(_row.first, row(time).second); }, said);
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_NE(said.find("13 (database or disk is full)"), std::string::npos) << said;
+    EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), -1);
+    EXPECT_EQ(log.remove_period({15, 4}), -1);
+    EXPECT_EQ(log.vacuum(), -1);
+    EXPECT_EQ(live_view(), before);
+    disk::make_room();
+    EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), 0);
+}
+
+// The journal is a new file each time.
+TEST_F(recipes, a_full_disk_refuses_whatever_needs_a_rollback_journal)
+{
+    disk::restore(base_image(step_t::LOG, false));
+    CLog log;
+    ASSERT_EQ(prepare(log, {false, true}), 0);
+    const std::string before = live_view();
+    disk::leave_room(0);
+    EXPECT_EQ(log.add_trend_data(_row.first, row(1800).second), -1);
+    EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), -1);
+    EXPECT_EQ(log.remove_period({5, 8}), -1);
+    EXPECT_EQ(log.vacuum(), -1);
+    EXPECT_EQ(live_view(), before);
+    disk::make_room();
+    EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), 0);
+}
+
+TEST_F(recipes, what_deleting_frees_stays_in_the_file_until_vacuum)
 {
     for (const bool wal : {true, false}) {
         disk::restore(base_image(step_t::LOG, wal));
         CLog log;
         ASSERT_EQ(prepare(log, {wal, true}), 0);
-        const std::string before = live_view();
-        disk::arm(disk::WRITE, SQLITE_FULL, 1, true);
-        EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), -1);
-        EXPECT_EQ(log.remove_period({5, 8}), -1);
-        EXPECT_EQ(log.vacuum(), -1);
-        EXPECT_GT(disk::disarm(), 2U);
-        EXPECT_EQ(live_view(), before);
+        for (time_t time = 1800; time < 20000; time += 60)
+            ASSERT_EQ(log.add_trend_data(_row.first, row(time).second), 0);
+        const auto size = [&] {
+            EXPECT_EQ(log.checkpoint(), 0);
+            return disk::image()[LOG_FILE].size();
+        };
+        const size_t grown = size();
+        EXPECT_EQ(log.remove_period({5, 8}), 0);
+        EXPECT_EQ(size(), grown);
+        EXPECT_EQ(log.vacuum(), 0);
+        EXPECT_LT(size(), grown);
+    }
+}
 
-        EXPECT_EQ(log.checkpoint(), 0);
-        const size_t size = disk::image()[LOG_FILE].size();
-        EXPECT_EQ(log.clear_trend_data(_row.first._device, {-1, -1}), 0);
-        EXPECT_EQ(log.checkpoint(), 0);
-        EXPECT_GE(disk::image()[LOG_FILE].size(), size);
+// Once for the new content as a temporary file; once more in the write-ahead log, or for the old
+// content in the journal. The cache is so small that nothing of it stays in memory.
+TEST_F(recipes, vacuum_needs_twice_the_size_of_the_file)
+{
+    for (const bool wal : {true, false}) {
+        disk::restore(base_image(step_t::LOG, wal));
+        CLog log;
+        const auto open = [&] {
+            return log.open(LOG_FILE, false, false, 20, false, 0, 40960, 0, wal);
+        };
+        ASSERT_EQ(open(), 0);
+        ASSERT_EQ(log.modify_period({1, 20000}), 0);
+        ASSERT_EQ(log.begin_transaction(), 0);
+        for (time_t time = 1800; time < 1000000; time += 60)
+            ASSERT_EQ(log.add_trend_data(_row.first, row(time).second), 0);
+        ASSERT_EQ(log.end_transaction(), 0);
+        log.close();
+        const disk::image_t image = disk::image();
+        const size_t size = image.at(LOG_FILE).size();
+        size_t room = 0;
+        for (bool fits = false; !fits && room < 4 * size; room += fits ? 0 : size / 16) {
+            disk::restore(image);
+            ASSERT_EQ(open(), 0);
+            disk::leave_room(room);
+            fits = log.vacuum() == 0;
+            disk::make_room();
+            log.close();
+        }
+        std::printf("Vacuum, %s: %zu bytes for a file of %zu\n", wal ? "WAL" : "journal", room,
+                    size);
+        EXPECT_GT(room, size * 3 / 2);
+        EXPECT_LT(room, size * 5 / 2);
     }
 }
 
