@@ -26,6 +26,13 @@ const disk::call_t CALLS[] = {disk::READ,     disk::SHORT_WRITE, disk::WRITE,   
                               disk::UNLOCK,   disk::ACCESS,      disk::SHM_MAP, disk::SHM_LOCK,
                               disk::DELETE};
 
+// What a read can meet, damaged pages included.
+const std::pair<disk::call_t, int> READ_FAILURES[] = {
+    {disk::READ, SQLITE_IOERR_READ},     {disk::READ, SQLITE_CORRUPT},
+    {disk::SIZE, SQLITE_IOERR_FSTAT},    {disk::ACCESS, SQLITE_IOERR_ACCESS},
+    {disk::OPEN, SQLITE_CANTOPEN},       {disk::LOCK, SQLITE_IOERR_LOCK},
+    {disk::UNLOCK, SQLITE_IOERR_UNLOCK}, {disk::SHM_LOCK, SQLITE_IOERR_SHMLOCK}};
+
 class recipes : public testing::Test {
 protected:
     static void SetUpTestSuite() { install_faults(); }
@@ -86,6 +93,45 @@ protected:
         }
         std::printf("Recipe: %zu points\n", points);
         EXPECT_GT(points, 20U);
+    }
+
+    // Calls every listing and read with each fault that can meet it, in a transaction of the host's
+    // or without one. `judge` gets the answer and what it would be without the fault.
+    template <typename Judge>
+    static void for_each_struck_read(bool in_transaction, Judge judge)
+    {
+        for (const setting_t& setting : SETTINGS) {
+            for (const step_t& step : steps()) {
+                if (!step._tolerant) continue;
+                std::string all;
+                // Returns whether the fault has met the call.
+                const auto is_struck = [&](auto arm, auto disarm) {
+                    disk::restore(base_image(step_t::LOG, setting._wal));
+                    CLog log;
+                    EXPECT_EQ(prepare(log, setting), 0);
+                    if (in_transaction) {
+                        EXPECT_EQ(log.begin_transaction(), 0);
+                    }
+                    arm();
+                    const answer_t answer = step._run(log, setting);
+                    if (disarm() == 0) {
+                        all = answer._text;
+                        return false;
+                    }
+                    judge(log, answer, all);
+                    return true;
+                };
+                is_struck([] {}, [] { return 0; });
+                for (const auto& [call, code] : READ_FAILURES)
+                    for (size_t n = 1;
+                         is_struck([&] { disk::arm(call, code, n, false); }, disk::disarm); ++n) {
+                    }
+                for (size_t n = 1;
+                     is_struck([&] { memory::arm(memory::SQLITE, n, false); }, memory::disarm);
+                     ++n) {
+                }
+            }
+        }
     }
 
     // The call's result, with what it reports.
@@ -207,6 +253,59 @@ TEST_F(recipes, a_rollback_after_a_failed_end_transaction_stops_the_process)
     EXPECT_DEATH(log.rollback_transaction(), "_nest_lvl>0");
     EXPECT_EQ(log.begin_transaction(), 0);  // the next one works
     EXPECT_EQ(log.end_transaction(), 0);
+}
+
+// What breaks the read off keeps the call's own transaction from being committed as well.
+TEST_F(recipes, a_read_outside_a_transaction_is_whole_or_a_failure)
+{
+    size_t failed = 0;
+    size_t whole = 0;
+    for_each_struck_read(false, [&](CLog&, const answer_t& answer, const std::string& all) {
+        ++(answer._code != 0 ? failed : whole);
+        if (answer._code == 0) {
+            EXPECT_EQ(answer._text, all);
+        }
+    });
+    std::printf("Reads outside a transaction: %zu failed, %zu were whole\n", failed, whole);
+    EXPECT_GT(failed, 500U);
+}
+
+TEST_F(recipes, a_read_inside_a_transaction_succeeds_with_the_rows_so_far_and_the_commit_fails)
+{
+    size_t short_ones = 0;
+    size_t begun = 0;
+    for_each_struck_read(true, [&](CLog& log, const answer_t& answer, const std::string& all) {
+        EXPECT_EQ(all.compare(0, answer._text.size(), answer._text), 0);
+        const bool is_short = answer._code == 0 && answer._text != all;
+        short_ones += is_short;
+        begun += is_short && !answer._text.empty();
+        if (answer._code != 0) {
+            log.rollback_transaction();
+        } else if (is_short) {
+            EXPECT_EQ(log.end_transaction(), -1);
+        }
+    });
+    std::printf("Reads inside a transaction: %zu cut short, %zu of them after some rows\n",
+                short_ones, begun);
+    EXPECT_GT(short_ones, 50U);
+    EXPECT_GT(begun, 10U);
+}
+
+// Nothing has been read by then, and nothing is wrong with the transaction.
+TEST_F(recipes, a_listing_without_its_lock_succeeds_and_is_empty)
+{
+    disk::restore(base_image(step_t::LOG, true));
+    CLog log;
+    ASSERT_EQ(prepare(log, {true, true}), 0);
+    std::vector<CPeriodProperties> periods;
+    std::string said;
+    disk::arm(disk::SHM_LOCK, SQLITE_BUSY, 1, true);
+    EXPECT_EQ(reported([&] { return log.get_periods(periods); }, said), 0);
+    EXPECT_GT(disk::disarm(), 0U);
+    EXPECT_TRUE(periods.empty());
+    EXPECT_NE(said.find("sqlite3_step(): 15 (locking protocol)"), std::string::npos) << said;
+    EXPECT_EQ(log.get_periods(periods), 0);
+    EXPECT_EQ(periods.size(), 3U);
 }
 
 TEST_F(recipes, a_transaction_that_was_dropped_under_a_listing_stores_nothing)

@@ -1,6 +1,7 @@
 // What docs/reliability.md says about those who share a file: who waits for whom and for how long,
 // what a long read costs, which files a user needs who may only read. Real files, real processes.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/prctl.h>
@@ -411,6 +412,46 @@ TEST_F(sharing_journal, a_commit_waits_for_a_reader_that_holds_on)
     reader.go();
     EXPECT_TRUE(reader.is_done());
     EXPECT_TRUE(writer.is_done());
+}
+
+// The other one does what SQLite does while it rebuilds the index: it holds the lock for that, and
+// the one for writing, with no valid header in the index.
+TEST_F(sharing_wal, while_another_rebuilds_the_index_a_listing_is_empty_and_recording_is_refused)
+{
+    CLog log;
+    std::vector<CPeriodProperties> periods;
+    const process_t rebuilder([&](const process_t::self_t& self) {
+        self.wait();
+        const int index = ::open((_file + "-shm").c_str(), O_RDWR);
+        for (const off_t lock : {120, 122}) {
+            struct flock range = {F_WRLCK, SEEK_SET, lock, 1, 0};
+            if (fcntl(index, F_SETLK, &range) != 0) _exit(1);
+        }
+        const char no_header[96] = {};
+        if (pwrite(index, no_header, sizeof no_header, 0) != sizeof no_header) _exit(1);
+        self.done();
+        self.wait();
+        close(index);
+        self.done();
+        self.wait();
+    });
+    ASSERT_EQ(open(log), 0);
+    ASSERT_EQ(log.get_periods(periods), 0);
+    const size_t all = periods.size();
+    rebuilder.go();
+    ASSERT_TRUE(rebuilder.is_done());
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(log.get_periods(periods), 0);
+    EXPECT_TRUE(periods.empty());
+    EXPECT_EQ(recorder::record(log, _data, 2), -1);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("sqlite3_step(): 261 ("), std::string::npos) << said;
+    rebuilder.go();
+    ASSERT_TRUE(rebuilder.is_done());
+    EXPECT_EQ(log.get_periods(periods), 0);
+    EXPECT_EQ(periods.size(), all);
+    EXPECT_EQ(recorder::record(log, _data, 2), 0);
 }
 
 // The write-ahead log

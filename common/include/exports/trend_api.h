@@ -251,8 +251,10 @@ public:
 
     // Listing -----------------------------------------------------------------------------------
 
-    // These replace what the list holds. A row that cannot be decoded is a failure; a read that
-    // breaks off ends the list early without one.
+    // These replace what the list holds. A row that cannot be decoded is a failure, and so is a
+    // read that breaks off; but inside a transaction of the host's that only ends the list early,
+    // and the transaction cannot be committed. A lock that cannot be had leaves an empty list, no
+    // failure.
 
     // All periods, finest first.
     int get_periods(std::vector<CPeriodProperties>& periods);
@@ -376,8 +378,8 @@ public:
     // Reports "Error: invalid time range" (a bound below -1), "Error: empty parameter list",
     // "Error: empty period list", "Error: invalid param id" (an assertion instead when `periods` is
     // empty), -1 each; 1 for a row that cannot be decoded. `_max_entries` of `periods` matters only
-    // with `no_overlap`, where 0 is an assertion. A read that breaks off returns 0 with
-    // the rows so far. After a failure `data` must not be used. `data` may be the request itself.
+    // with `no_overlap`, where 0 is an assertion. A read that breaks off ends the rows as it ends a
+    // listing. After a failure `data` must not be used. `data` may be the request itself.
     int get_trend_data(CDeviceData& data, const CDeviceParams& request,
                        const std::vector<CPeriodProperties>& periods, const timebounds_t& bounds,
                        size_t limit, size_t offset, bool ascending, bool no_overlap);
