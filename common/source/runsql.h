@@ -16,6 +16,11 @@ inline int bind_value(CStatement& stmt, size_t idx, const text_or_null_t& value)
     return value._text.empty() ? stmt.bind(idx) : stmt.bind(idx, value._text);
 }
 
+inline int bind_value(CStatement& stmt, size_t idx, const bool& value)
+{
+    return stmt.bind(idx, int64_t(value));
+}
+
 template <typename Value>
 int bind_value(CStatement& stmt, size_t idx, const Value& value)
 {
@@ -24,7 +29,7 @@ int bind_value(CStatement& stmt, size_t idx, const Value& value)
 
 // Binds the values to parameters 1, 2, ... in order; the first failure ends it. Text is bound
 // without a copy, so it must outlive the step: bind members of the caller's record, never a
-// temporary. A number has to say its type, int64_t or double.
+// temporary. A number has to say its type, int64_t or double; a flag is stored as 0 or 1.
 template <typename... Values>
 int bind_all(CStatement& stmt, const Values&... values)
 {

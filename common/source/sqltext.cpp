@@ -73,10 +73,11 @@ tk_string create_trend_table_text(int64_t device, unsigned long period,
 tk_string insert_sample_text(int64_t device, unsigned long period,
                              const std::vector<CParamProperties>& params)
 {
+    const tk_string head =
+        sql_text("INSERT INTO trends_", device, "_", period, " (time, percent_valid");
     // Written in place: a device has hundreds of columns, and every snapshot names each one.
     tk_string text(FIXED_SIZE + columns_size(params) + placeholders_size(params), '\0');
-    char* out = write_pieces(text.data(), "INSERT INTO trends_", device, "_", period,
-                             " (time, percent_valid");
+    char* out = write_piece(text.data(), head);
     out = write_columns(out, params);
     out = write_pieces(out, ") VALUES (?,?");
     out = write_placeholders(out, params);
@@ -88,6 +89,8 @@ tk_string insert_sample_text(int64_t device, unsigned long period,
 tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
                        unsigned long ratio, const std::vector<CParamProperties>& params)
 {
+    const tk_string group = sql_text(" FROM (SELECT * FROM trends_", device, "_", fine,
+                                     " WHERE time >= ? LIMIT ", ratio, " OFFSET ?)");
     tk_string text = text_for_columns(params);
     append_sql(text, "INSERT INTO trends_", device, "_", coarse,
                " SELECT max(time), avg(percent_valid)");
@@ -96,8 +99,7 @@ tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
         for (const aggregate_t& aggregate : AGGREGATES)
             if (params[i].*aggregate._kept) append_roll_up(text, params[i], aggregate);
     }
-    append_sql(text, " FROM (SELECT * FROM trends_", device, "_", fine, " WHERE time >= ? LIMIT ",
-               ratio, " OFFSET ?)");
+    append_sql(text, group);
     return text;
 }
 

@@ -807,10 +807,9 @@ int CLog::modify_params(const CDeviceProperties& device,
             }
 
             if (const int failed = stmt->reset()) return failed;
-            if (const int failed = bind_all(*stmt, param._index, param._path, int64_t(param._type),
-                                            int64_t(param._has_min), int64_t(param._has_max),
-                                            int64_t(param._has_avg), int64_t(param._has_actual),
-                                            int64_t(param._has_sum)))
+            if (const int failed =
+                    bind_all(*stmt, param._index, param._path, int64_t(param._type), param._has_min,
+                             param._has_max, param._has_avg, param._has_actual, param._has_sum))
                 return failed;
             if (const int failed = run(*stmt)) return failed;
         }
@@ -1452,9 +1451,8 @@ int CLog::add_param(const CDeviceProperties& device, const std::vector<CPeriodPr
                               "parameter");
 
             if (const int failed =
-                    bind_all(*stmt, path, int64_t(param._type), int64_t(param._has_min),
-                             int64_t(param._has_max), int64_t(param._has_avg),
-                             int64_t(param._has_actual), int64_t(param._has_sum)))
+                    bind_all(*stmt, path, int64_t(param._type), param._has_min, param._has_max,
+                             param._has_avg, param._has_actual, param._has_sum))
                 return failed;
             if (const int failed = run(*stmt)) return failed;
         }
