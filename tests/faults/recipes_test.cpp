@@ -308,6 +308,63 @@ TEST_F(recipes, a_listing_without_its_lock_succeeds_and_is_empty)
     EXPECT_EQ(periods.size(), 3U);
 }
 
+// The last thing that is done for a commit is letting go of the file.
+TEST_F(recipes, a_row_whose_commit_failed_may_be_stored_and_is_then_a_duplicate)
+{
+    size_t stored = 0;
+    for (size_t n = 1;; ++n) {
+        disk::restore(base_image(step_t::LOG, false));
+        CLog log;
+        ASSERT_EQ(prepare(log, {false, true}), 0);
+        const std::string before = live_view();
+        disk::arm(disk::UNLOCK, SQLITE_IOERR_UNLOCK, n, false);
+        const int result = log.add_trend_data(_row.first, row(1800).second);
+        if (disk::disarm() == 0) break;
+        if (result == 0 || live_view() == before) continue;
+
+        ++stored;
+        time_t latest = -1;
+        EXPECT_EQ(log.get_latest_timestamp(_row.first._device, latest), 0);
+        EXPECT_EQ(latest, 1800);
+        std::string said;
+        const auto record = [&] { return log.add_trend_data(_row.first, row(1800).second); };
+        EXPECT_EQ(reported(record, said), -1);
+        EXPECT_NE(said.find("sqlite3_step(): 1555 (UNIQUE constraint failed: trends_1_1.time)"),
+                  std::string::npos)
+            << said;
+    }
+    EXPECT_GT(stored, 0U);
+}
+
+TEST_F(recipes, memory_that_runs_out_is_reported_by_whose_it_was)
+{
+    for (const memory::source_t source : {memory::OURS, memory::SQLITE}) {
+        const std::string wanted =
+            source == memory::OURS ? "Error: out of memory\n" : ": 7 (out of memory)\n";
+        size_t failed = 0;
+        for (size_t n = 1;; ++n) {
+            disk::restore(base_image(step_t::LOG, true));
+            CLog log;
+            ASSERT_EQ(prepare(log, {true, false}), 0);
+            size_t struck = 0;
+            std::string said;
+            const auto record = [&, row = row(1800)] {
+                memory::arm(source, n, false);
+                const int result = log.add_trend_data(row.first, row.second);
+                struck = memory::disarm();
+                return result;
+            };
+            const int result = reported(record, said);
+            if (struck == 0) break;
+            if (result == 0) continue;
+            ++failed;
+            EXPECT_EQ(result, -1);
+            EXPECT_NE(said.find(wanted), std::string::npos) << said;
+        }
+        EXPECT_GT(failed, 5U);
+    }
+}
+
 TEST_F(recipes, a_transaction_that_was_dropped_under_a_listing_stores_nothing)
 {
     disk::restore(base_image(step_t::LOG, true));
@@ -452,6 +509,31 @@ TEST_F(recipes, commits_are_synced_in_full_unless_sqlite_was_built_otherwise)
         EXPECT_EQ(sqlite3_column_int(stmt, 0), 2);
         sqlite3_finalize(stmt);
         sqlite3_close(db);
+    }
+}
+
+TEST_F(recipes, damage_is_reported_as_code_26_in_the_header_and_11_elsewhere)
+{
+    for (const bool wal : {true, false}) {
+        const disk::image_t sound = base_image(step_t::LOG, wal);
+        CLog log;
+        const auto use = [&] {
+            std::vector<CDeviceProperties> devices;
+            const int failed = open_log(log, {wal, true}, false);
+            return failed ? failed : log.get_devices(devices);
+        };
+        std::string said;
+        disk::image_t image = sound;
+        image[LOG_FILE].replace(0, 16, 16, '\xFF');  // what every database begins with
+        disk::restore(image);
+        EXPECT_EQ(reported(use, said), -1);
+        EXPECT_NE(said.find(": 26 (file is not a database)"), std::string::npos) << said;
+
+        image = sound;
+        image[LOG_FILE][100] = '\xFF';  // the kind of the first page
+        disk::restore(image);
+        EXPECT_EQ(reported(use, said), -1);
+        EXPECT_NE(said.find(": 11 ("), std::string::npos) << said;
     }
 }
 

@@ -164,13 +164,14 @@ protected:
         return wrong.empty() ? std::to_string(recorder::newest(log, _data)) : wrong;
     }
 
-    // How many rows a user sees who may not write, neither file nor folder; -1 for a failure.
-    int rows_for_reader()
+    // How many rows a user sees who may not write, neither files nor, as it stands, into the
+    // folder; -1 for a failure.
+    int rows_for_reader(fs::perms folder = fs::perms(0555))
     {
         for (const auto& entry : fs::directory_iterator(_folder._path))
             fs::permissions(entry.path(), fs::perms::owner_write | fs::perms::group_write,
                             fs::perm_options::remove);
-        fs::permissions(_folder._path, fs::perms(0555));
+        fs::permissions(_folder._path, folder);
         std::fflush(nullptr);
         const pid_t child = fork();
         if (child == 0) {
@@ -321,6 +322,28 @@ TEST_F(sharing_wal, what_another_has_added_since_a_listing_in_the_same_transacti
     EXPECT_EQ(periods.back()._period, 30U);
 }
 
+TEST_F(sharing_wal, a_transaction_that_was_overtaken_is_refused_until_it_is_rolled_back)
+{
+    CLog log;
+    CLog other;
+    ASSERT_EQ(open(log), 0);
+    ASSERT_EQ(open(other), 0);
+    ASSERT_EQ(log.begin_transaction(), 0);
+    ASSERT_EQ(recorder::newest(log, _data), 1);
+    ASSERT_EQ(recorder::record(other, _data, 2), 0);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(recorder::record(log, _data, 3), -1);
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find("sqlite3_step(): 517 ("), std::string::npos) << said;
+    }
+    log.rollback_transaction();
+    ASSERT_EQ(log.begin_transaction(), 0);
+    EXPECT_EQ(recorder::newest(log, _data), 2);
+    EXPECT_EQ(recorder::record(log, _data, 3), 0);
+    EXPECT_EQ(log.end_transaction(), 0);
+}
+
 // Each has read before it writes, as every recording does. One may write and waits for the other's
 // read to end; the other waits to be allowed to write.
 TEST_F(sharing_journal, two_writers_block_each_other_until_one_is_gone)
@@ -353,6 +376,45 @@ TEST_F(sharing_journal, two_writers_block_each_other_until_one_is_gone)
     EXPECT_TRUE(first.is_done());
     first.kill();
     EXPECT_EQ(state(), "2");
+}
+
+// Without any transaction of the hosts': each call is one, which reads before it writes.
+TEST_F(sharing_journal, two_that_record_row_after_row_block_each_other_before_long)
+{
+    const auto recorder_of = [&](const char* device) {
+        return [this, device](const process_t::self_t& self) {
+            CLog log;
+            if (recorder::start(log, _file, false, device, _data) != 0) _exit(1);
+            self.done();
+            self.wait();
+            for (auto minute = static_cast<size_t>(recorder::newest(log, _data)) + 1;; ++minute) {
+                if (recorder::record(log, _data, minute) != 0) _exit(1);
+                self.done();
+            }
+        };
+    };
+    process_t first(recorder_of("plant/pump"));
+    ASSERT_TRUE(first.is_done());
+    process_t second(recorder_of("plant/fan"));
+    ASSERT_TRUE(second.is_done());
+    first.go();
+    second.go();
+    size_t rows = 0;
+    const auto is_row_done = [&] {
+        for (int waited = 0; waited < A_WHILE; ++waited)
+            if (first.is_done(0) || second.is_done(1)) return true;
+        return false;
+    };
+    while (rows < 1000000 && is_row_done())
+        ++rows;
+    std::printf("Two recorders, rollback journal: blocked after %zu rows\n", rows);
+    EXPECT_FALSE(is_row_done());
+
+    first.kill();
+    EXPECT_TRUE(second.is_done()) << "the one that is left goes on";
+    second.kill();
+    EXPECT_NE(state(), "can't be opened");
+    EXPECT_EQ(recorder::damage(_file), "");
 }
 
 TEST_F(sharing_wal, one_of_two_writers_is_refused_and_neither_waits)
@@ -558,6 +620,12 @@ TEST_F(sharing_wal, a_reader_needs_the_two_files_beside_it)
         fs::permissions(_file + companion, fs::perms(0644));
     }
     EXPECT_EQ(rows_for_reader(), 2);
+}
+
+TEST_F(sharing_wal, a_reader_who_may_write_into_the_folder_makes_the_two_files_for_himself)
+{
+    ASSERT_FALSE(fs::exists(_file + "-wal"));
+    EXPECT_EQ(rows_for_reader(fs::perms(0777)), 1);
 }
 
 TEST_F(sharing_wal, a_reader_sees_all_that_a_killed_writer_has_committed)
