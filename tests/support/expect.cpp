@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 
 namespace {
@@ -52,7 +53,11 @@ std::string capture_stderr(const std::function<void()>& call)
 {
     diversion to_file;
     call();
-    return to_file.text();
+    const std::string text = to_file.text();
+    // For scripts/coverage, which looks for texts that no test has met.
+    if (const char* notes = std::getenv("TREND_CAPTURED"))
+        std::ofstream(notes, std::ios::app) << text;
+    return text;
 }
 
 bool names_condition(const std::string& output, const std::string& condition)
