@@ -122,9 +122,11 @@ protected:
                     return true;
                 };
                 is_struck([] {}, [] { return 0; });
-                for (const auto& [call, code] : READ_FAILURES)
+                for (const auto& failure : READ_FAILURES)
                     for (size_t n = 1;
-                         is_struck([&] { disk::arm(call, code, n, false); }, disk::disarm); ++n) {
+                         is_struck([&] { disk::arm(failure.first, failure.second, n, false); },
+                                   disk::disarm);
+                         ++n) {
                     }
                 for (size_t n = 1;
                      is_struck([&] { memory::arm(memory::SQLITE, n, false); }, memory::disarm);
