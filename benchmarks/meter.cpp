@@ -60,16 +60,23 @@ extern "C" __attribute__((visibility("default"))) int fdatasync(int fd)
     return synchronise(SYS_fdatasync, fd);
 }
 
-// And these before the standard library's, whose other forms come here. Blocks of special alignment
-// are not counted.
-void* operator new(size_t size)
+// And these before the standard library's, whose other forms come here; a sanitizer has a
+// non-throwing one of its own, whose blocks must not be freed here. Blocks of special alignment are
+// not counted.
+void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
-    void* const block = std::malloc(size);
-    if (!block) throw std::bad_alloc();
-    if (counts_allocations) {
+    void* const block = std::malloc(std::max<size_t>(size, 1));
+    if (counts_allocations && block) {
         allocated += size_of(block);
         most_allocated = std::max(most_allocated, allocated);
     }
+    return block;
+}
+
+void* operator new(size_t size)
+{
+    void* const block = operator new(size, std::nothrow);
+    if (!block) throw std::bad_alloc();
     return block;
 }
 
