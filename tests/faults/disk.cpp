@@ -451,6 +451,16 @@ void restore(const image_t& copy)
     add(copy);
 }
 
+void crash(const std::function<void()>& end)
+{
+    const image_t now = image();
+    const bool was_recording = recording;
+    recording = false;
+    end();
+    recording = was_recording;
+    restore(now);
+}
+
 void add(const image_t& copy)
 {
     for (const auto& [name, bytes] : copy) {

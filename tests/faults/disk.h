@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,6 +39,9 @@ void install();
 
 image_t image();
 void restore(const image_t& files);
+
+// Runs what a process does at its end, of which nothing reaches the disk: it has been killed.
+void crash(const std::function<void()>& end);
 
 // Puts files beside those that are there, and removes those whose names begin so.
 void add(const image_t& files);

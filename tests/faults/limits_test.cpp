@@ -240,7 +240,7 @@ TEST_F(limits, a_pool_of_one_or_two_statements_serves_everything)
         return answer._text + live_view();
     };
     for (const step_t& step : steps()) {
-        if (step._opens) continue;
+        if (step.is(step_t::OPENS)) continue;
         const std::string wanted = taken(step, 20);
         EXPECT_EQ(taken(step, 1), wanted) << step._name;
         EXPECT_EQ(taken(step, 2), wanted) << step._name;
@@ -319,7 +319,7 @@ TEST_F(limits, what_needs_more_pages_than_are_free_changes_nothing_until_there_a
     size_t done = 0;
     for (const bool wal : {true, false}) {
         for (const step_t& step : steps()) {
-            if (step._opens || step._tolerant) continue;
+            if (step.is(step_t::OPENS) || step.is(step_t::READS)) continue;
             for (int free = 0;; ++free) {
                 disk::restore(base_image(step._base, wal));
                 ASSERT_EQ(open(wal), 0);

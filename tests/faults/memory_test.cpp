@@ -20,7 +20,8 @@ std::vector<fault_t> faults_of(memory::source_t source, const char* name)
     std::vector<fault_t> faults;
     for (const bool persistent : {false, true})
         faults.push_back({std::string(name) + (persistent ? " request from" : " request at"),
-                          [=](size_t n) { memory::arm(source, n, persistent); }, memory::disarm});
+                          fault_t::FAILURE, [=](size_t n) { memory::arm(source, n, persistent); },
+                          memory::disarm});
     return faults;
 }
 
@@ -40,8 +41,10 @@ void sweep(memory::source_t source, const char* name, size_t stride, size_t goal
     const size_t first = first_of(stride);
     const std::vector<fault_t> faults = faults_of(source, name);
     const tally_t tally = run_jobs(sweep_jobs(faults, first, stride), 20);
-    std::printf("Failing %s requests: %zu swept (1 in %zu, from number %zu), %zu failing\n", name,
-                tally._points, stride, first, tally._failures.size());
+    std::printf(
+        "Failing %s requests: %zu swept (1 in %zu, from number %zu), %zu failing; %zu reads broke "
+        "off\n",
+        name, tally._points, stride, first, tally._failures.size(), reads_broken_off(tally));
     // A step with fewer requests than the stride may have none of the sample.
     EXPECT_GE(tally._points, further == 1 ? goal : goal / further / 4);
     EXPECT_TRUE(tally._failures.empty()) << tally.failures();

@@ -72,11 +72,11 @@ std::vector<run_ptr_t> record_runs()
                                       build_up(log, acknowledge);
                                   }));
         for (const step_t& step : steps()) {
-            if (step._tolerant) continue;
+            if (step.is(step_t::READS)) continue;
             runs.push_back(record_run(
                 std::string(step._name) + " (" + setting.name() + ")", setting._wal,
                 base_image(step._base, setting._wal), [&](CLog& log, const auto& acknowledge) {
-                    if (!step._opens) acknowledge(prepare(log, setting));
+                    if (!step.is(step_t::OPENS)) acknowledge(prepare(log, setting, step._traits));
                     acknowledge(step._run(log, setting)._code == step._success ? 0 : -1);
                 }));
         }

@@ -102,7 +102,7 @@ protected:
     {
         for (const setting_t& setting : SETTINGS) {
             for (const step_t& step : steps()) {
-                if (!step._tolerant) continue;
+                if (!step.is(step_t::LOOKS)) continue;
                 std::string all;
                 // Returns whether the fault has met the call.
                 const auto is_struck = [&](auto arm, auto disarm) {

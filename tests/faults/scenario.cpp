@@ -114,6 +114,17 @@ disk::image_t build_log(bool wal)
     return disk::image();
 }
 
+// With the pages of a device that is gone.
+disk::image_t build_sparse_log(bool wal)
+{
+    disk::restore(base_image(step_t::LOG, wal));
+    CLog log;
+    want(open_log(log, {wal, true}, false), "open");
+    want(log.remove_device(pump()), "remove");
+    log.close();
+    return disk::image();
+}
+
 disk::image_t build_old_log(const char* name)
 {
     std::ifstream in(std::string(TREND_TEST_DATA_DIR "/") + name);
@@ -171,6 +182,21 @@ std::string text_of(const CDeviceData& data)
     return text;
 }
 
+answer_t read_rows(CLog& log, const std::vector<CParamProperties>& params,
+                   const std::vector<CPeriodProperties>& periods, bool no_overlap)
+{
+    CDeviceParams request;
+    request._device = pump();
+    {
+        const memory::unfailing ours;
+        request._params = params;
+    }
+    CDeviceData data;
+    const int code = log.get_trend_data(data, request, periods, {-1, -1}, 0, 0, true, no_overlap);
+    const memory::unfailing ours;
+    return {code, text_of(data)};
+}
+
 answer_t read_rows(CLog& log, bool no_overlap)
 {
     const CPeriodProperties all[] = {{1, 12}, {5, 8}, {15, 4}};
@@ -179,13 +205,7 @@ answer_t read_rows(CLog& log, bool no_overlap)
         const memory::unfailing ours;
         periods.assign(std::begin(all), std::end(all));
     }
-    CDeviceParams request;
-    request._device = pump();
-    request._params = pump_params();
-    CDeviceData data;
-    const int code = log.get_trend_data(data, request, periods, {-1, -1}, 0, 0, true, no_overlap);
-    const memory::unfailing ours;
-    return {code, text_of(data)};
+    return read_rows(log, pump_params(), periods, no_overlap);
 }
 
 template <typename Record>
@@ -193,6 +213,27 @@ answer_t listed(int code, const std::vector<Record>& records)
 {
     const memory::unfailing ours;
     return {code, text_of(records)};
+}
+
+answer_t list_periods(CLog& log)
+{
+    std::vector<CPeriodProperties> periods;
+    const int code = log.get_periods(periods);
+    return listed(code, periods);
+}
+
+answer_t list_devices(CLog& log)
+{
+    std::vector<CDeviceProperties> devices;
+    const int code = log.get_devices(devices);
+    return listed(code, devices);
+}
+
+answer_t list_params(CLog& log)
+{
+    std::vector<CParamProperties> params;
+    const int code = log.get_params(pump(), params);
+    return listed(code, params);
 }
 
 // The steps --------------------------------------------------------------------------------------
@@ -209,62 +250,72 @@ answer_t in_transaction(CLog& log, Calls calls)
     return {log.end_transaction(), ""};
 }
 
+// In a host's transaction that changes nothing or shall not.
+template <typename Calls>
+answer_t between(CLog& log, Calls calls)
+{
+    if (const int failed = log.begin_transaction()) return {failed, ""};
+    answer_t answer = calls();
+    log.rollback_transaction();
+    return answer;
+}
+
 const std::vector<step_t> STEPS = {
-    {"create", step_t::NOTHING, true, false, 0,
+    {"create", step_t::NOTHING, step_t::OPENS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, true), ""};
      }},
-    {"open", step_t::LOG, true, false, 0,
+    {"open", step_t::LOG, step_t::OPENS | step_t::KEEPS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, true), ""};
      }},
-    {"open as it is", step_t::LOG, true, false, 0,
+    {"open as it is", step_t::LOG, step_t::OPENS | step_t::KEEPS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, false), ""};
      }},
-    {"migrate 0", step_t::VERSION_0, true, false, 0,
+    {"migrate 0", step_t::VERSION_0, step_t::OPENS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, true), ""};
      }},
-    {"migrate 1", step_t::VERSION_1, true, false, 0,
+    {"migrate 1", step_t::VERSION_1, step_t::OPENS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, true), ""};
      }},
 
-    {"add_period", step_t::LOG, false, false, 0,
+    {"add_period", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.add_period({60, 10}), ""};
      }},
-    {"modify_period", step_t::LOG, false, false, 0,
+    {"modify_period", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.modify_period({1, 3}), ""};
      }},
-    {"remove_period", step_t::LOG, false, false, 0,
+    {"remove_period", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.remove_period({5, 8}), ""};
      }},
 
-    {"add_device", step_t::LOG, false, false, 0,
+    {"add_device", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          CDeviceProperties added = device("plant/fan", -1);
          return answer_t{log.add_device(added), ""};
      }},
-    {"modify_device", step_t::LOG, false, false, 0,
+    {"modify_device", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          const CDeviceProperties changed = device("plant/other pump", 1);
          return answer_t{log.modify_device(changed), ""};
      }},
-    {"remove_device", step_t::LOG, false, false, 0,
+    {"remove_device", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.remove_device(pump()), ""};
      }},
 
-    {"add_params", step_t::LOG, false, false, 0,
+    {"add_params", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          std::vector<CParamProperties> added = new_params();
          return answer_t{log.add_params(pump(), added), ""};
      }},
-    {"modify_params", step_t::LOG, false, false, 0,
+    {"modify_params", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          std::vector<CParamProperties> changed = pump_params();
          std::swap(changed[0]._path, changed[1]._path);
@@ -272,63 +323,51 @@ const std::vector<step_t> STEPS = {
          changed[1]._has_sum = true;
          return answer_t{log.modify_params(pump(), changed), ""};
      }},
-    {"remove_params", step_t::LOG, false, false, 0,
+    {"remove_params", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.remove_params(pump(), pump_params(2, 2)), ""};
      }},
-    {"remove all params", step_t::LOG, false, false, 0,
+    {"remove all params", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.remove_params(pump(), pump_params()), ""};
      }},
 
-    {"record", step_t::LOG, false, false, 0,
+    {"record", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {  // rolls up into both coarser periods
          return answer_t{record(log, pump(), pump_params(), LAST_ROW + 60), ""};
      }},
-    {"record a part", step_t::LOG, false, false, 0,
+    {"record a part", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{record(log, pump(), pump_params(3, 3), LAST_ROW + 60), ""};
      }},
-    {"fill", step_t::LOG, false, false, 0,
+    {"fill", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.fill_blank_values(pump(), LAST_ROW + 11 * 60, true), ""};
      }},
-    {"fill far", step_t::LOG, false, false, 0,
+    {"fill far", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.fill_blank_values(pump(), 100000, false), ""};
      }},
-    {"clear", step_t::LOG, false, false, 1,
+    {"clear", step_t::LOG, step_t::NO_TRAITS, 1,
      [](CLog& log, const setting_t&) {
          return answer_t{log.clear_trend_data(pump(), {0, 1500}), ""};
      }},
-    {"clear all", step_t::LOG, false, false, 0,
+    {"clear all", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.clear_trend_data(pump(), {-1, -1}), ""};
      }},
 
-    {"get_trend_data", step_t::LOG, false, true, 0,
+    {"get_trend_data", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return read_rows(log, false); }},
-    {"get_trend_data without overlap", step_t::LOG, false, true, 0,
+    {"get_trend_data without overlap", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return read_rows(log, true); }},
-    {"get_periods", step_t::LOG, false, true, 0,
-     [](CLog& log, const setting_t&) {
-         std::vector<CPeriodProperties> periods;
-         const int code = log.get_periods(periods);
-         return listed(code, periods);
-     }},
-    {"get_devices", step_t::LOG, false, true, 0,
-     [](CLog& log, const setting_t&) {
-         std::vector<CDeviceProperties> devices;
-         const int code = log.get_devices(devices);
-         return listed(code, devices);
-     }},
-    {"get_params", step_t::LOG, false, true, 0,
-     [](CLog& log, const setting_t&) {
-         std::vector<CParamProperties> params;
-         const int code = log.get_params(pump(), params);
-         return listed(code, params);
-     }},
-    {"get_latest_timestamp", step_t::LOG, false, false, 0,
+    {"get_periods", step_t::LOG, step_t::LOOKS, 0,
+     [](CLog& log, const setting_t&) { return list_periods(log); }},
+    {"get_devices", step_t::LOG, step_t::LOOKS, 0,
+     [](CLog& log, const setting_t&) { return list_devices(log); }},
+    {"get_params", step_t::LOG, step_t::LOOKS, 0,
+     [](CLog& log, const setting_t&) { return list_params(log); }},
+    {"get_latest_timestamp", step_t::LOG, step_t::READS, 0,
      [](CLog& log, const setting_t&) {
          time_t latest = -2;
          const int code = log.get_latest_timestamp(pump(), latest);
@@ -336,21 +375,33 @@ const std::vector<step_t> STEPS = {
          return answer_t{code, std::to_string(latest)};
      }},
 
-    {"vacuum", step_t::LOG, false, false, 0,
+    // A read that breaks off in a host's transaction takes that along, but succeeds.
+    {"get_trend_data in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
+     [](CLog& log, const setting_t&) {
+         return between(log, [&] { return read_rows(log, false); });
+     }},
+    {"get_periods in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
+     [](CLog& log, const setting_t&) { return between(log, [&] { return list_periods(log); }); }},
+    {"get_devices in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
+     [](CLog& log, const setting_t&) { return between(log, [&] { return list_devices(log); }); }},
+    {"get_params in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
+     [](CLog& log, const setting_t&) { return between(log, [&] { return list_params(log); }); }},
+
+    {"vacuum", step_t::SPARSE_LOG, step_t::VACUUMS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.vacuum(), ""};
      }},
-    {"checkpoint", step_t::LOG, false, false, 0,
+    {"checkpoint", step_t::LOG, step_t::CHECKPOINTS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.checkpoint(), ""};
      }},
-    {"record and checkpoint by itself", step_t::LOG, false, false, 0,
+    {"record and checkpoint by itself", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          if (const int failed = log.checkpoint_config(2)) return answer_t{failed, ""};
          return answer_t{record(log, pump(), pump_params(), LAST_ROW + 60), ""};
      }},
 
-    {"host transaction", step_t::LOG, false, false, 0,
+    {"host transaction", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return in_transaction(log, [&] {
              for (time_t time = LAST_ROW + 60; time <= LAST_ROW + 180; time += 60)
@@ -359,9 +410,8 @@ const std::vector<step_t> STEPS = {
          });
      }},
     // A listing that breaks off succeeds, but the transaction in which it stands may be gone by
-    // then:
-    // the rows before and after it belong together all the same.
-    {"host transaction that looks", step_t::LOG, false, false, 0,
+    // then: the rows before and after it belong together all the same.
+    {"host transaction that looks", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return in_transaction(log, [&] {
              std::vector<CDeviceProperties> devices;
@@ -373,7 +423,7 @@ const std::vector<step_t> STEPS = {
              return record(log, pump(), pump_params(), LAST_ROW + 180);
          });
      }},
-    {"host transaction of changes", step_t::LOG, false, false, 0,
+    {"host transaction of changes", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return in_transaction(log, [&] {
              CDeviceProperties added = device("plant/fan", -1);
@@ -395,14 +445,17 @@ std::string setting_t::name() const
 
 const std::vector<step_t>& steps() { return STEPS; }
 
-int open_log(CLog& log, const setting_t& setting, bool create)
+int open_log(CLog& log, const setting_t& setting, bool create, unsigned int traits)
 {
     // Small pages make the prepared files many pages long. A cold connection can keep few of them:
     // it reads all the time, and writes in the middle of a transaction. It keeps few statements
     // too: nothing can be left to a COMMIT or ROLLBACK that is ready.
     const size_t cache = setting._warm ? 0 : size_t{5} * 1024;
     const size_t pool = setting._warm ? 20 : 2;
-    return log.open(LOG_FILE, false, create, pool, false, 1024, cache, 0, setting._wal);
+    const bool read_only = (traits & step_t::READ_ONLY) != 0;
+    const bool temp_in_memory = (traits & step_t::TEMPORARY_IN_MEMORY) != 0;
+    return log.open(LOG_FILE, read_only, create, pool, temp_in_memory, 1024, cache, 0,
+                    setting._wal);
 }
 
 const disk::image_t& base_image(step_t::base_t base, bool wal)
@@ -410,23 +463,36 @@ const disk::image_t& base_image(step_t::base_t base, bool wal)
     static std::map<std::pair<step_t::base_t, bool>, disk::image_t> images;
     const auto found = images.find({base, wal});
     if (found != images.end()) return found->second;
-    disk::image_t& built = images[{base, wal}];
-    if (base == step_t::LOG)
-        built = build_log(wal);
-    else if (base != step_t::NOTHING)
-        built = build_old_log(base == step_t::VERSION_0 ? "version_0.sql" : "version_1.sql");
-    return built;
+    const auto build = [&]() -> disk::image_t {
+        switch (base) {
+            case step_t::NOTHING:
+                return {};
+            case step_t::VERSION_0:
+                return build_old_log("version_0.sql");
+            case step_t::VERSION_1:
+                return build_old_log("version_1.sql");
+            case step_t::LOG:
+                return build_log(wal);
+            case step_t::SPARSE_LOG:
+                return build_sparse_log(wal);
+        }
+        throw std::logic_error("no such base");
+    };
+    return images[{base, wal}] = build();
 }
 
-int prepare(CLog& log, const setting_t& setting)
+int prepare(CLog& log, const setting_t& setting, unsigned int traits)
 {
-    if (const int failed = open_log(log, setting, false)) return failed;
-    // The write-ahead log has something in it that the file has not.
+    // The write-ahead log has something in it that the file has not. There it stays when the log
+    // is opened anew: the process before has been killed.
+    if (const int failed = open_log(log, setting, false, traits & ~step_t::READ_ONLY))
+        return failed;
     if (const int failed = record(log, bystander(), pump_params(), LAST_ROW + 60)) return failed;
-    if (!setting._warm) {
-        log.close();
-        return open_log(log, setting, false);
+    if (!setting._warm || (traits & step_t::READ_ONLY) != 0) {
+        disk::crash([&] { log.close(); });
+        if (const int failed = open_log(log, setting, false, traits)) return failed;
     }
+    if (!setting._warm) return 0;
 
     std::vector<CPeriodProperties> periods;
     std::vector<CDeviceProperties> devices;
@@ -541,21 +607,40 @@ std::map<std::string, std::string> seen;
 
 void forget_views() { seen.clear(); }
 
-std::string crashed_view()
+namespace {
+
+std::string view_of_copy(const disk::image_t& image)
 {
-    const disk::image_t now = disk::renamed(disk::image(), LOG_FILE, "copy.db");
+    const disk::image_t copy = disk::renamed(image, LOG_FILE, "copy.db");
     std::string bytes;
-    for (const auto& [name, content] : now)
+    for (const auto& [name, content] : copy)
         bytes += name + "\n" + std::to_string(content.size()) + "\n" + content;
     const auto found = seen.find(bytes);
     if (found != seen.end()) return found->second;
 
     if (seen.size() > 200) seen.clear();
-    disk::add(now);
+    disk::add(copy);
     std::string text = view("copy.db");
     disk::remove_files("copy.db");
     seen[bytes] = text;
     return text;
 }
 
+}  // namespace
+
+std::string crashed_view() { return view_of_copy(disk::image()); }
+
+std::string view_of_file_alone() { return view_of_copy({{LOG_FILE, disk::image().at(LOG_FILE)}}); }
+
 std::string live_view() { return view(LOG_FILE); }
+
+int free_pages()
+{
+    const memory::unfailing inside;
+    sqlite3* db = nullptr;
+    std::string text;
+    if (sqlite3_open_v2(LOG_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
+        append_rows(text, db, "PRAGMA freelist_count");
+    sqlite3_close(db);
+    return std::stoi(text);
+}

@@ -11,7 +11,14 @@
 #include "workers.h"
 
 struct fault_t {
+    enum kind_t {
+        FAILURE,
+        BUSY,    // somebody else has what is asked for: a checkpoint may leave that
+        DAMAGE,  // of a page, which SQLite finds when it looks into it
+    };
+
     std::string _name;
+    kind_t _kind;
     std::function<void(size_t n)> _arm;
     std::function<size_t()> _disarm;  // how often it has struck
 };
@@ -19,6 +26,9 @@ struct fault_t {
 // One job per step and setting. Of every fault the points first, first + stride, ... are taken.
 std::vector<job_t> sweep_jobs(const std::vector<fault_t>& faults, size_t first = 1,
                               size_t stride = 1);
+
+// How often a read that broke off has succeeded with what it had.
+size_t reads_broken_off(const tally_t& tally);
 
 // What all sweeps of a program use: the disk and the allocator, before SQLite is used.
 void install_faults();

@@ -24,6 +24,7 @@ struct report_t {
     size_t _point;   // the one at work
     size_t _points;  // done by all children of the job
     bool _finished;
+    size_t _met[COUNTERS];
     size_t _used;
     char _text[TEXT_SIZE];  // failures, one a line
 
@@ -91,6 +92,8 @@ public:
         }
         _crashes = 0;
         tally._points += _report->_points;
+        for (size_t i = 0; i < COUNTERS; ++i)
+            tally._met[i] += _report->_met[i];
         const std::string text(_report->_text, _report->_used);
         for (size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
             tally._failures.push_back(text.substr(at, end - at));
@@ -142,7 +145,7 @@ private:
             _report->_point = n;
             forget_stderr();
             if (_seconds != 0) alarm(_seconds);
-            point_t point{n, "", true, n + 1};
+            point_t point{n, "", true, n + 1, {}};
             try {
                 _job->_take(point);
             } catch (const std::exception& e) {
@@ -152,6 +155,8 @@ private:
             if (!point._failure.empty())
                 tell(point_name(n) + point._failure + " [" + last_words() + "]");
             if (point._counts) ++_report->_points;
+            for (const size_t met : point._met)
+                ++_report->_met[met];
             n = point._next;
         }
         std::string failure;

@@ -3,10 +3,14 @@
 // Runs many small checks in child processes, one per processor, so that a crash, an abort or a hang
 // is caught and named, and the rest goes on.
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
+
+// Points may say what they have met, by numbers of the test's own below this.
+constexpr size_t COUNTERS = 128;
 
 // One of a job's checks.
 struct point_t {
@@ -16,6 +20,7 @@ struct point_t {
     std::string _failure;  // what is wrong, if anything
     bool _counts = true;   // false for a look that found nothing to check
     size_t _next;          // the point after this one, or DONE
+    std::vector<size_t> _met;
 };
 
 // One child's work, point by point, from number 0 on.
@@ -29,8 +34,9 @@ struct job_t {
 
 struct tally_t {
     size_t _points = 0;
-    size_t _stops = 0;                   // allowed ends of the child, see run_jobs()
-    std::vector<std::string> _failures;  // "job, point n: what"
+    size_t _stops = 0;                    // allowed ends of the child, see run_jobs()
+    std::vector<std::string> _failures;   // "job, point n: what"
+    std::array<size_t, COUNTERS> _met{};  // how many points have met it
 
     std::string failures() const;  // the first of them, one a line
 };
