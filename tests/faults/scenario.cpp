@@ -125,6 +125,22 @@ disk::image_t build_sparse_log(bool wal)
     return disk::image();
 }
 
+// The process went while a transaction was on its way to the disk.
+disk::image_t build_crashed_log(bool wal)
+{
+    disk::restore(base_image(step_t::LOG, wal));
+    CLog log;
+    want(prepare(log, {wal, false}), "prepare");
+    want(log.begin_transaction(), "begin");
+    for (int i = 0; i < 8; ++i) {  // more than the page cache takes
+        CDeviceProperties added = device(("plant/" + std::to_string(i)).c_str(), -1);
+        want(log.add_device(added), "device");
+    }
+    const disk::image_t image = disk::image();
+    log.rollback_transaction();
+    return image;
+}
+
 disk::image_t build_old_log(const char* name)
 {
     std::ifstream in(std::string(TREND_TEST_DATA_DIR "/") + name);
@@ -208,6 +224,9 @@ answer_t read_rows(CLog& log, bool no_overlap)
     return read_rows(log, pump_params(), periods, no_overlap);
 }
 
+// Lists parameters and periods before it reads.
+answer_t read_all_rows(CLog& log) { return read_rows(log, {}, {}, false); }
+
 template <typename Record>
 answer_t listed(int code, const std::vector<Record>& records)
 {
@@ -273,6 +292,18 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, false), ""};
      }},
+    {"open after a crash", step_t::CRASHED_LOG, step_t::OPENS | step_t::KEEPS, 0,
+     [](CLog& log, const setting_t& setting) {
+         return answer_t{open_log(log, setting, true), ""};
+     }},
+    {"open to read", step_t::LOG, step_t::OPENS | step_t::KEEPS | step_t::READ_ONLY, 0,
+     [](CLog& log, const setting_t& setting) {
+         return answer_t{open_log(log, setting, false, step_t::READ_ONLY), ""};
+     }},
+    {"open with temporary storage in memory", step_t::LOG, step_t::OPENS | step_t::KEEPS, 0,
+     [](CLog& log, const setting_t& setting) {
+         return answer_t{open_log(log, setting, true, step_t::TEMPORARY_IN_MEMORY), ""};
+     }},
     {"migrate 0", step_t::VERSION_0, step_t::OPENS, 0,
      [](CLog& log, const setting_t& setting) {
          return answer_t{open_log(log, setting, true), ""};
@@ -323,6 +354,12 @@ const std::vector<step_t> STEPS = {
          changed[1]._has_sum = true;
          return answer_t{log.modify_params(pump(), changed), ""};
      }},
+    {"modify_params in memory", step_t::LOG, step_t::TEMPORARY_IN_MEMORY, 0,
+     [](CLog& log, const setting_t&) {
+         std::vector<CParamProperties> changed = pump_params();
+         changed[2]._has_min = true;
+         return answer_t{log.modify_params(pump(), changed), ""};
+     }},
     {"remove_params", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.remove_params(pump(), pump_params(2, 2)), ""};
@@ -334,6 +371,10 @@ const std::vector<step_t> STEPS = {
 
     {"record", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {  // rolls up into both coarser periods
+         return answer_t{record(log, pump(), pump_params(), LAST_ROW + 60), ""};
+     }},
+    {"record with temporary storage in memory", step_t::LOG, step_t::TEMPORARY_IN_MEMORY, 0,
+     [](CLog& log, const setting_t&) {
          return answer_t{record(log, pump(), pump_params(), LAST_ROW + 60), ""};
      }},
     {"record a part", step_t::LOG, step_t::NO_TRAITS, 0,
@@ -361,12 +402,18 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) { return read_rows(log, false); }},
     {"get_trend_data without overlap", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return read_rows(log, true); }},
+    {"get_trend_data of everything", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) { return read_all_rows(log); }},
     {"get_periods", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return list_periods(log); }},
     {"get_devices", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return list_devices(log); }},
     {"get_params", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return list_params(log); }},
+    {"get_trend_data to read only", step_t::LOG, step_t::READS | step_t::READ_ONLY, 0,
+     [](CLog& log, const setting_t&) { return read_all_rows(log); }},
+    {"get_devices to read only", step_t::LOG, step_t::READS | step_t::READ_ONLY, 0,
+     [](CLog& log, const setting_t&) { return list_devices(log); }},
     {"get_latest_timestamp", step_t::LOG, step_t::READS, 0,
      [](CLog& log, const setting_t&) {
          time_t latest = -2;
@@ -380,6 +427,8 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) {
          return between(log, [&] { return read_rows(log, false); });
      }},
+    {"get_trend_data of everything in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
+     [](CLog& log, const setting_t&) { return between(log, [&] { return read_all_rows(log); }); }},
     {"get_periods in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
      [](CLog& log, const setting_t&) { return between(log, [&] { return list_periods(log); }); }},
     {"get_devices in a host transaction", step_t::LOG, step_t::TOLERANT, 0,
@@ -388,6 +437,10 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) { return between(log, [&] { return list_params(log); }); }},
 
     {"vacuum", step_t::SPARSE_LOG, step_t::VACUUMS, 0,
+     [](CLog& log, const setting_t&) {
+         return answer_t{log.vacuum(), ""};
+     }},
+    {"vacuum in memory", step_t::SPARSE_LOG, step_t::VACUUMS | step_t::TEMPORARY_IN_MEMORY, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{log.vacuum(), ""};
      }},
@@ -407,6 +460,15 @@ const std::vector<step_t> STEPS = {
              for (time_t time = LAST_ROW + 60; time <= LAST_ROW + 180; time += 60)
                  if (const int failed = record(log, pump(), pump_params(), time)) return failed;
              return 0;
+         });
+     }},
+    {"host transaction that is rolled back", step_t::LOG, step_t::ROLLS_BACK, 0,
+     [](CLog& log, const setting_t&) {
+         return between(log, [&] {
+             for (time_t time = LAST_ROW + 60; time <= LAST_ROW + 180; time += 60)
+                 if (const int failed = record(log, pump(), pump_params(), time))
+                     return answer_t{failed, ""};
+             return answer_t{log.remove_device(pump()), ""};
          });
      }},
     // A listing that breaks off succeeds, but the transaction in which it stands may be gone by
@@ -475,6 +537,8 @@ const disk::image_t& base_image(step_t::base_t base, bool wal)
                 return build_log(wal);
             case step_t::SPARSE_LOG:
                 return build_sparse_log(wal);
+            case step_t::CRASHED_LOG:
+                return build_crashed_log(wal);
         }
         throw std::logic_error("no such base");
     };

@@ -28,8 +28,8 @@ struct answer_t {
 };
 
 struct step_t {
-    // A sparse log has free pages.
-    enum base_t { NOTHING, VERSION_0, VERSION_1, LOG, SPARSE_LOG };
+    // A sparse log has free pages, a crashed one a transaction that was half written.
+    enum base_t { NOTHING, VERSION_0, VERSION_1, LOG, SPARSE_LOG, CRASHED_LOG };
 
     enum traits_t : unsigned int {
         NO_TRAITS = 0,
