@@ -17,6 +17,7 @@ constexpr size_t FAULT_SPAN = 10000000;
 
 // What points count.
 constexpr size_t BROKEN_OFF = 0;
+size_t strike(size_t fault, bool wal) { return 1 + fault * 2 + (wal ? 1 : 0); }
 
 class sweep_t {
 public:
@@ -78,6 +79,7 @@ public:
             return;
         }
 
+        point._met.push_back(strike(number, _setting._wal));
         judge(answer, fault, point);
         _log.reset();
         if (disk::open_files() != 0) point._failure += " files left open;";
@@ -226,6 +228,11 @@ std::vector<job_t> sweep_jobs(const std::vector<fault_t>& faults, size_t first, 
     }
     disk::restore({});
     return jobs;
+}
+
+size_t strikes(const tally_t& tally, size_t fault, bool wal)
+{
+    return tally._met.at(strike(fault, wal));
 }
 
 size_t reads_broken_off(const tally_t& tally) { return tally._met[BROKEN_OFF]; }

@@ -27,7 +27,9 @@ struct fault_t {
 std::vector<job_t> sweep_jobs(const std::vector<fault_t>& faults, size_t first = 1,
                               size_t stride = 1);
 
-// How often a read that broke off has succeeded with what it had.
+// What a sweep has met: how often that fault has struck in a journal mode, and how often a read
+// that broke off has succeeded with what it had.
+size_t strikes(const tally_t& tally, size_t fault, bool wal);
 size_t reads_broken_off(const tally_t& tally);
 
 // What all sweeps of a program use: the disk and the allocator, before SQLite is used.
