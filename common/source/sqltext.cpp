@@ -12,11 +12,9 @@ namespace {
 
 constexpr size_t FIXED_SIZE = 192;  // of what surrounds the columns in any of the texts, at most
 
-tk_string text_for_columns(const std::vector<CParamProperties>& params)
+void reserve_for_columns(tk_string& text, const std::vector<CParamProperties>& params)
 {
-    tk_string text;
     text.reserve(FIXED_SIZE + columns_size(params));
-    return text;
 }
 
 // Writes ",?" for every column of the parameters.
@@ -57,7 +55,8 @@ void append_roll_up(tk_string& text, const CParamProperties& param, const aggreg
 tk_string create_trend_table_text(int64_t device, unsigned long period,
                                   const std::vector<CParamProperties>& params, bool temp)
 {
-    tk_string text = text_for_columns(params);
+    tk_string text;
+    reserve_for_columns(text, params);
     if (temp)
         append_sql(text, "CREATE TABLE tmp_table");
     else
@@ -73,11 +72,11 @@ tk_string create_trend_table_text(int64_t device, unsigned long period,
 tk_string insert_sample_text(int64_t device, unsigned long period,
                              const std::vector<CParamProperties>& params)
 {
-    const tk_string head =
-        sql_text("INSERT INTO trends_", device, "_", period, " (time, percent_valid");
     // Written in place: a device has hundreds of columns, and every snapshot names each one.
-    tk_string text(FIXED_SIZE + columns_size(params) + placeholders_size(params), '\0');
-    char* out = write_piece(text.data(), head);
+    tk_string text;
+    text.resize(FIXED_SIZE + columns_size(params) + placeholders_size(params));
+    char* out = write_pieces(text.data(), "INSERT INTO trends_", device, "_", period,
+                             " (time, percent_valid");
     out = write_columns(out, params);
     out = write_pieces(out, ") VALUES (?,?");
     out = write_placeholders(out, params);
@@ -89,9 +88,8 @@ tk_string insert_sample_text(int64_t device, unsigned long period,
 tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
                        unsigned long ratio, const std::vector<CParamProperties>& params)
 {
-    const tk_string group = sql_text(" FROM (SELECT * FROM trends_", device, "_", fine,
-                                     " WHERE time >= ? LIMIT ", ratio, " OFFSET ?)");
-    tk_string text = text_for_columns(params);
+    tk_string text;
+    reserve_for_columns(text, params);
     append_sql(text, "INSERT INTO trends_", device, "_", coarse,
                " SELECT max(time), avg(percent_valid)");
     for (size_t i = 0; i < params.size(); ++i) {
@@ -99,7 +97,8 @@ tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
         for (const aggregate_t& aggregate : AGGREGATES)
             if (params[i].*aggregate._kept) append_roll_up(text, params[i], aggregate);
     }
-    append_sql(text, group);
+    append_sql(text, " FROM (SELECT * FROM trends_", device, "_", fine, " WHERE time >= ? LIMIT ",
+               ratio, " OFFSET ?)");
     return text;
 }
 
@@ -107,7 +106,8 @@ tk_string copy_rows_text(int64_t device, unsigned long period,
                          const std::vector<CParamProperties>& params,
                          const std::vector<CParamProperties>& old_params)
 {
-    tk_string text = text_for_columns(params);
+    tk_string text;
+    reserve_for_columns(text, params);
     append_sql(text, "INSERT INTO tmp_table SELECT time, percent_valid");
     for (size_t i = 0; i < params.size(); ++i) {
         std::vector<tk_string> old_columns;
