@@ -557,6 +557,16 @@ TEST_F(get_params, fail_for_a_device_that_is_not_stored)
     EXPECT_EQ(dump(), before);
 }
 
+// Its statement has been prepared before, so that it is the step that finds no table.
+TEST_F(get_params, of_a_device_removed_since_they_were_read_are_none)
+{
+    ASSERT_EQ(params(), 0);
+    ASSERT_EQ(_log.remove_device(device(1)), 0);
+    EXPECT_REPORTS(params(), 0, step_and_reset_report(1, "no such table: params_1"));
+    EXPECT_TRUE(_params.empty());
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(get_params, fail_when_no_transaction_can_be_begun)
 {
     open_args args;

@@ -45,10 +45,10 @@ void sweep(memory::source_t source, const char* name, size_t stride, size_t goal
         "Failing %s requests: %zu swept (1 in %zu, from number %zu), %zu failing; %zu reads broke "
         "off\n",
         name, tally._points, stride, first, tally._failures.size(), reads_broken_off(tally));
-    for (size_t i = 0; i < faults.size(); ++i)
+    // A step with fewer requests than the stride may have none of the sample.
+    for (size_t i = 0; i < faults.size() && further == 1; ++i)
         for (const bool wal : {true, false})
             EXPECT_GT(strikes(tally, i, wal), 0U) << faults[i]._name;
-    // A step with fewer requests than the stride may have none of the sample.
     EXPECT_GE(tally._points, further == 1 ? goal : goal / further / 4);
     EXPECT_TRUE(tally._failures.empty()) << tally.failures();
 }

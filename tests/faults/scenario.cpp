@@ -131,6 +131,7 @@ disk::image_t build_crashed_log(bool wal)
     disk::restore(base_image(step_t::LOG, wal));
     CLog log;
     want(prepare(log, {wal, false}), "prepare");
+    const disk::image_t before = disk::image();
     want(log.begin_transaction(), "begin");
     for (int i = 0; i < 8; ++i) {  // more than the page cache takes
         CDeviceProperties added = device(("plant/" + std::to_string(i)).c_str(), -1);
@@ -138,6 +139,11 @@ disk::image_t build_crashed_log(bool wal)
     }
     const disk::image_t image = disk::image();
     log.rollback_transaction();
+    const std::string file = LOG_FILE;
+    const bool is_on_its_way =
+        wal ? image.at(file + "-wal").size() > before.at(file + "-wal").size()
+            : image.at(file) != before.at(file) && !image.at(file + "-journal").empty();
+    want(is_on_its_way ? 0 : -1, "spill");
     return image;
 }
 

@@ -198,7 +198,7 @@ public:
     //   pool_capacity  how many prepared statements are kept, 1 or more. 5 per device and period
     //                  and 4 more serve recording without preparing anything twice; with several
     //                  periods 3 per device and 3 more serve all snapshots but those that complete
-    //                  a coarse row.
+    //                  a coarse row and the next ones.
     //   temp_in_memory keeps SQLite's temporary storage in memory. The journal mode is then left
     //                  as the file has it, whatever `wal` says.
     //   page_size      of a new file, in bytes, a power of two from 512 to 65536; 0 means 4096.
@@ -208,7 +208,8 @@ public:
     //   wal            switches a writable file to WAL and lets checkpoint() act.
     // Reports "empty DB name", "Error: invalid pool capacity", "can't open DB '...'" (result: the
     // SQLite code), "Unrecognized table schema version: N" (result 1). After a failure the log is
-    // closed, and a file of an unknown version or whose migration failed holds what it held.
+    // closed, and a file of an unknown version or whose migration failed holds what it held, in
+    // the journal mode that `wal` asks for.
     int open(const tk_string& name, bool read_only, bool create, size_t pool_capacity,
              bool temp_in_memory, size_t page_size, size_t cache_bytes, size_t heap_limit,
              bool wal);
@@ -223,7 +224,8 @@ public:
     // Open, commit and roll back a level around several calls; the log must be open. Only the
     // outermost level talks to SQLite: an inner rollback gives up nothing by itself, its work is
     // committed or rolled back with the outermost level. A failed outermost end_transaction() has
-    // ended the transaction and undone its work: do not roll it back.
+    // ended the transaction, do not roll it back: its work is undone or, if the last step of the
+    // commit is what failed, stored whole.
     int begin_transaction();
     int end_transaction();
     void rollback_transaction();
@@ -253,8 +255,9 @@ public:
 
     // These replace what the list holds. A row that cannot be decoded is a failure, and so is a
     // read that breaks off; but inside a transaction of the host's that only ends the list early,
-    // and the transaction cannot be committed. A lock that cannot be had leaves an empty list, no
-    // failure.
+    // and the transaction cannot be committed. A lock that cannot be had, or a device that has been
+    // removed since its list was read before, leaves an empty list, no failure. A list is whole
+    // when the result is 0 and nothing was reported.
 
     // All periods, finest first.
     int get_periods(std::vector<CPeriodProperties>& periods);
