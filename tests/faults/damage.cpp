@@ -3,36 +3,16 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "scenario.h"
-#include "trend_api.h"
-
-using namespace toolkit::trend;
 
 namespace damage {
 
 std::vector<disk::image_t> intact_images()
 {
-    std::vector<disk::image_t> images = {base_image(step_t::LOG, true),
-                                         base_image(step_t::VERSION_0, false),
-                                         base_image(step_t::VERSION_1, false)};
-    for (const bool wal : {true, false}) {
-        disk::restore(base_image(step_t::LOG, wal));
-        CLog log;
-        if (prepare(log, {wal, false}) != 0) throw std::runtime_error("prepare");
-        if (log.begin_transaction() != 0) throw std::runtime_error("begin");
-        // Enough to leave the small page cache.
-        CDeviceProperties device;
-        for (int i = 0; i < 8; ++i) {
-            device._path = "plant/" + std::to_string(i);
-            if (log.add_device(device) != 0) throw std::runtime_error("add_device");
-        }
-        images.push_back(disk::image());
-        log.rollback_transaction();
-    }
-    disk::restore({});
-    return images;
+    return {base_image(step_t::LOG, true), base_image(step_t::VERSION_0, false),
+            base_image(step_t::VERSION_1, false), base_image(step_t::CRASHED_LOG, true),
+            base_image(step_t::CRASHED_LOG, false)};
 }
 
 std::string foreign_change(const choice_t& below)
