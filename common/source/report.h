@@ -31,9 +31,9 @@ int out_of_memory(const char* fn) noexcept;
 // compiler builds the library. In the developers' builds GCC checks that the text still fits.
 #if defined(TREND_CHECK_SIGNATURES) && defined(__GNUC__) && !defined(__clang__)
 #define TREND_SIGNATURE(name, text)                                       \
-    constexpr const char* name = text;                                    \
+    [[maybe_unused]] constexpr const char* name = text;                   \
     static_assert(::toolkit::trend::same_text(__PRETTY_FUNCTION__, text), \
                   "not the signature of this function")
 #else
-#define TREND_SIGNATURE(name, text) constexpr const char* name = text
+#define TREND_SIGNATURE(name, text) [[maybe_unused]] constexpr const char* name = text
 #endif

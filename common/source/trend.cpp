@@ -262,28 +262,28 @@ time_t stored_time(int64_t time) { return static_cast<time_t>(std::min(time, LAR
 
 // Lifecycle ------------------------------------------------------------------------------------
 
+constexpr const char* OPEN =
+    "int toolkit::trend::CLog::open(const tk_string&, bool, bool, size_t, bool, "
+    "size_t, size_t, size_t, bool)";
+
 int CLog::open(const tk_string& name, bool read_only, bool create, size_t pool_capacity,
                bool temp_in_memory, size_t page_size, size_t cache_bytes, size_t heap_limit,
                bool wal)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::open(const tk_string&, bool, bool, size_t, bool, "
-                    "size_t, size_t, size_t, bool)");
+try {
+    TREND_SIGNATURE(fn, OPEN);
     _db.reset();
-    try {
-        // The pool would throw at its first statement. An empty name is refused by the connection.
-        if (pool_capacity == 0 && !is_empty_path(name)) return refuse(fn, "invalid pool capacity");
+    // The pool would throw at its first statement. An empty name is refused by the connection.
+    if (pool_capacity == 0 && !is_empty_path(name)) return refuse(fn, "invalid pool capacity");
 
-        _db = std::make_shared<CDatabase>();
-        int failed = _db->open(name, pool_capacity, read_only, create, temp_in_memory, page_size,
-                               cache_bytes, heap_limit, wal);
-        if (!failed && !read_only && create) failed = init_basic_tables();
-        if (failed) _db.reset();
-        return failed;
-    } catch (...) {
-        _db.reset();
-        return out_of_memory(fn);
-    }
+    _db = std::make_shared<CDatabase>();
+    int failed = _db->open(name, pool_capacity, read_only, create, temp_in_memory, page_size,
+                           cache_bytes, heap_limit, wal);
+    if (!failed && !read_only && create) failed = init_basic_tables();
+    if (failed) _db.reset();
+    return failed;
+} catch (...) {
+    _db.reset();
+    return out_of_memory(OPEN);
 }
 
 void CLog::close() { _db.reset(); }
@@ -326,15 +326,15 @@ int CLog::checkpoint_config(int n)
     return _db->checkpoint_config(n);
 }
 
+constexpr const char* VACUUM = "int toolkit::trend::CLog::vacuum()";
+
 int CLog::vacuum()
-{
-    TREND_SIGNATURE(fn, "int toolkit::trend::CLog::vacuum()");
-    try {
-        if (const int failed = check_open(fn, _db)) return failed;
-        return _db->exec("VACUUM", STMT_POOLED, ROW_NONE);
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, VACUUM);
+    if (const int failed = check_open(fn, _db)) return failed;
+    return _db->exec("VACUUM", STMT_POOLED, ROW_NONE);
+} catch (...) {
+    return out_of_memory(VACUUM);
 }
 
 void CLog::err(unsigned int, const char* fmt, ...)
@@ -433,124 +433,121 @@ int CLog::migrate_schema_1_to_2()
 
 // Listing --------------------------------------------------------------------------------------
 
+constexpr const char* GET_PERIODS =
+    "int toolkit::trend::CLog::get_periods("
+    "std::vector<toolkit::trend::CPeriodProperties>&)";
+
 int CLog::get_periods(std::vector<CPeriodProperties>& periods)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::get_periods("
-                    "std::vector<toolkit::trend::CPeriodProperties>&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_open(fn, _db)) return failed;
-        bool whole = false;
-        return read_periods(*_db, periods, whole);
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, GET_PERIODS);
+    CTransCheck check(_db);
+    if (const int failed = check_open(fn, _db)) return failed;
+    bool whole = false;
+    return read_periods(*_db, periods, whole);
+} catch (...) {
+    return out_of_memory(GET_PERIODS);
 }
 
+constexpr const char* GET_DEVICES =
+    "int toolkit::trend::CLog::get_devices("
+    "std::vector<toolkit::trend::CDeviceProperties>&)";
+
 int CLog::get_devices(std::vector<CDeviceProperties>& devices)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::get_devices("
-                    "std::vector<toolkit::trend::CDeviceProperties>&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_open(fn, _db)) return failed;
-        bool whole = false;
-        return read_devices(*_db, devices, whole);
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, GET_DEVICES);
+    CTransCheck check(_db);
+    if (const int failed = check_open(fn, _db)) return failed;
+    bool whole = false;
+    return read_devices(*_db, devices, whole);
+} catch (...) {
+    return out_of_memory(GET_DEVICES);
 }
 
 int CLog::get_params(const CDeviceProperties& device, std::vector<CParamProperties>& params)
-{
+try {
     TREND_SIGNATURE(fn, GET_PARAMS);
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_device(fn, _db, device)) return failed;
-        bool whole = false;
-        return read_params(*_db, device, params, whole);
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    CTransCheck check(_db);
+    if (const int failed = check_device(fn, _db, device)) return failed;
+    bool whole = false;
+    return read_params(*_db, device, params, whole);
+} catch (...) {
+    return out_of_memory(GET_PARAMS);
 }
 
 // Periods --------------------------------------------------------------------------------------
 
+constexpr const char* ADD_PERIOD =
+    "int toolkit::trend::CLog::add_period("
+    "const toolkit::trend::CPeriodProperties&)";
+
 int CLog::add_period(const CPeriodProperties& period)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::add_period("
-                    "const toolkit::trend::CPeriodProperties&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_period(fn, _db, period)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_PERIOD);
+    CTransCheck check(_db);
+    if (const int failed = check_period(fn, _db, period)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const char* sql = "INSERT INTO periods VALUES (?,?)";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, int64_t(period._period),
-                                        int64_t(period._max_entries)))
-            return failed;
-        if (const int failed = create_trend_tables(period)) return failed;
+    const char* sql = "INSERT INTO periods VALUES (?,?)";
+    if (const int failed =
+            run_once(*_db, sql, STMT_FRESH, int64_t(period._period), int64_t(period._max_entries)))
+        return failed;
+    if (const int failed = create_trend_tables(period)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_PERIOD);
 }
+
+constexpr const char* MODIFY_PERIOD =
+    "int toolkit::trend::CLog::modify_period("
+    "const toolkit::trend::CPeriodProperties&)";
 
 int CLog::modify_period(const CPeriodProperties& period)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::modify_period("
-                    "const toolkit::trend::CPeriodProperties&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_period(fn, _db, period)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, MODIFY_PERIOD);
+    CTransCheck check(_db);
+    if (const int failed = check_period(fn, _db, period)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        // An unknown period changes no row and is not refused here: the trim meets its missing
-        // tables.
-        const char* sql = "UPDATE periods SET max_entries = ? WHERE period = ?";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, int64_t(period._max_entries),
-                                        int64_t(period._period)))
-            return failed;
+    // An unknown period changes no row and is not refused here: the trim meets its missing
+    // tables.
+    const char* sql = "UPDATE periods SET max_entries = ? WHERE period = ?";
+    if (const int failed =
+            run_once(*_db, sql, STMT_FRESH, int64_t(period._max_entries), int64_t(period._period)))
+        return failed;
 
-        std::vector<CDeviceProperties> devices;
-        if (const int failed = read_all_devices(*_db, devices)) return failed;
-        for (const CDeviceProperties& device : devices)
-            if (const int failed = trim_period_table(device, period, false)) return failed;
+    std::vector<CDeviceProperties> devices;
+    if (const int failed = read_all_devices(*_db, devices)) return failed;
+    for (const CDeviceProperties& device : devices)
+        if (const int failed = trim_period_table(device, period, false)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(MODIFY_PERIOD);
 }
 
+constexpr const char* REMOVE_PERIOD =
+    "int toolkit::trend::CLog::remove_period("
+    "const toolkit::trend::CPeriodProperties&)";
+
 int CLog::remove_period(const CPeriodProperties& period)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_period("
-                    "const toolkit::trend::CPeriodProperties&)");
-    try {
-        CTransCheck check(_db);
-        // Wants a number of rows although it has no use for it.
-        if (const int failed = check_period(fn, _db, period)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, REMOVE_PERIOD);
+    CTransCheck check(_db);
+    // Wants a number of rows although it has no use for it.
+    if (const int failed = check_period(fn, _db, period)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const char* sql = "DELETE FROM periods WHERE period = ?";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, int64_t(period._period)))
-            return failed;
-        if (const int failed = remove_trend_tables(period)) return failed;
+    const char* sql = "DELETE FROM periods WHERE period = ?";
+    if (const int failed = run_once(*_db, sql, STMT_FRESH, int64_t(period._period))) return failed;
+    if (const int failed = remove_trend_tables(period)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(REMOVE_PERIOD);
 }
 
 time_t CLog::next_interval_boundary(unsigned long period, time_t now)
@@ -580,104 +577,105 @@ time_t CLog::previous_interval_boundary(unsigned long period, time_t now)
     return static_cast<time_t>((next - 1) / len * len);
 }
 
+constexpr const char* CALC_PERIOD_RATIOS =
+    "static int toolkit::trend::CLog::calc_period_ratios("
+    "const std::vector<toolkit::trend::CPeriodProperties>&, "
+    "std::vector<long unsigned int>&)";
+
 int CLog::calc_period_ratios(const std::vector<CPeriodProperties>& periods,
                              std::vector<unsigned long>& ratios)
-{
-    TREND_SIGNATURE(fn,
-                    "static int toolkit::trend::CLog::calc_period_ratios("
-                    "const std::vector<toolkit::trend::CPeriodProperties>&, "
-                    "std::vector<long unsigned int>&)");
-    try {
-        TREND_ASSERT(!periods.empty());
-        ratios.resize(periods.size());
-        for (size_t i = 0; i + 1 < periods.size(); ++i) {
-            TREND_ASSERT(periods[i]._period!=0);
-            ratios[i] = periods[i + 1]._period / periods[i]._period;
-            if (ratios[i] < 2) return refuse(fn, "period ratio too low");
-            if (periods[i + 1]._period != ratios[i] * periods[i]._period)
-                return refuse(fn, "oddball period ratio");
-        }
-        return 0;
-    } catch (...) {
-        return out_of_memory(fn);
+try {
+    TREND_SIGNATURE(fn, CALC_PERIOD_RATIOS);
+    TREND_ASSERT(!periods.empty());
+    ratios.resize(periods.size());
+    for (size_t i = 0; i + 1 < periods.size(); ++i) {
+        TREND_ASSERT(periods[i]._period!=0);
+        ratios[i] = periods[i + 1]._period / periods[i]._period;
+        if (ratios[i] < 2) return refuse(fn, "period ratio too low");
+        if (periods[i + 1]._period != ratios[i] * periods[i]._period)
+            return refuse(fn, "oddball period ratio");
     }
+    return 0;
+} catch (...) {
+    return out_of_memory(CALC_PERIOD_RATIOS);
 }
 
 // Devices --------------------------------------------------------------------------------------
 
+constexpr const char* ADD_DEVICE =
+    "int toolkit::trend::CLog::add_device(toolkit::trend::CDeviceProperties&)";
+
 int CLog::add_device(CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn, "int toolkit::trend::CLog::add_device(toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_open(fn, _db)) return failed;
-        if (is_empty_path(device._path)) return refuse(fn, "empty device path");
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_DEVICE);
+    CTransCheck check(_db);
+    if (const int failed = check_open(fn, _db)) return failed;
+    if (is_empty_path(device._path)) return refuse(fn, "empty device path");
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const tk_string path = stored_text(device._path);
-        const tk_string guid = stored_text(device._guid);
-        const char* sql = "INSERT INTO devices VALUES ((SELECT max(idx)+1 FROM devices),?,?)";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}))
-            return failed;
-        sql = "SELECT max(idx) FROM devices";
-        if (const int failed = read_intval(*_db, sql, STMT_FRESH, device._index)) return failed;
-        if (device._index < 0) device._index = 0;
+    const tk_string path = stored_text(device._path);
+    const tk_string guid = stored_text(device._guid);
+    const char* sql = "INSERT INTO devices VALUES ((SELECT max(idx)+1 FROM devices),?,?)";
+    if (const int failed = run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}))
+        return failed;
+    sql = "SELECT max(idx) FROM devices";
+    if (const int failed = read_intval(*_db, sql, STMT_FRESH, device._index)) return failed;
+    if (device._index < 0) device._index = 0;
 
-        if (const int failed = create_param_table(device)) return failed;
-        if (const int failed = create_trend_tables(device)) return failed;
+    if (const int failed = create_param_table(device)) return failed;
+    if (const int failed = create_trend_tables(device)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_DEVICE);
 }
+
+constexpr const char* MODIFY_DEVICE =
+    "int toolkit::trend::CLog::modify_device("
+    "const toolkit::trend::CDeviceProperties&)";
 
 int CLog::modify_device(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::modify_device("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_device(fn, _db, device)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, MODIFY_DEVICE);
+    CTransCheck check(_db);
+    if (const int failed = check_device(fn, _db, device)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const tk_string path = stored_text(device._path);
-        const tk_string guid = stored_text(device._guid);
-        const char* sql = "UPDATE devices SET path = ?, guid = ? WHERE idx = ?";
-        if (const int failed =
-                run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}, device._index))
-            return failed;
+    const tk_string path = stored_text(device._path);
+    const tk_string guid = stored_text(device._guid);
+    const char* sql = "UPDATE devices SET path = ?, guid = ? WHERE idx = ?";
+    if (const int failed =
+            run_once(*_db, sql, STMT_FRESH, path, text_or_null_t{guid}, device._index))
+        return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(MODIFY_DEVICE);
 }
 
+constexpr const char* REMOVE_DEVICE =
+    "int toolkit::trend::CLog::remove_device("
+    "const toolkit::trend::CDeviceProperties&)";
+
 int CLog::remove_device(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_device("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        // Wants a path although it goes by the identifier alone.
-        if (const int failed = check_device(fn, _db, device)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, REMOVE_DEVICE);
+    CTransCheck check(_db);
+    // Wants a path although it goes by the identifier alone.
+    if (const int failed = check_device(fn, _db, device)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const char* sql = "DELETE FROM devices WHERE idx = ?";
-        if (const int failed = run_once(*_db, sql, STMT_FRESH, device._index)) return failed;
-        if (const int failed = remove_param_table(device)) return failed;
-        if (const int failed = remove_trend_tables(device)) return failed;
+    const char* sql = "DELETE FROM devices WHERE idx = ?";
+    if (const int failed = run_once(*_db, sql, STMT_FRESH, device._index)) return failed;
+    if (const int failed = remove_param_table(device)) return failed;
+    if (const int failed = remove_trend_tables(device)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(REMOVE_DEVICE);
 }
 
 // Parameters -----------------------------------------------------------------------------------
@@ -727,150 +725,150 @@ bool would_lose_a_param(const std::vector<CParamProperties>& changes,
 
 }  // namespace
 
+constexpr const char* ADD_PARAMS =
+    "int toolkit::trend::CLog::add_params("
+    "const toolkit::trend::CDeviceProperties&, "
+    "std::vector<toolkit::trend::CParamProperties>&)";
+
 int CLog::add_params(const CDeviceProperties& device, std::vector<CParamProperties>& params)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::add_params("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "std::vector<toolkit::trend::CParamProperties>&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_params(fn, _db, device, params)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_PARAMS);
+    CTransCheck check(_db);
+    if (const int failed = check_params(fn, _db, device, params)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        for (CParamProperties& param : params)
-            if (const int failed = add_param(device, periods, param)) return failed;
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    for (CParamProperties& param : params)
+        if (const int failed = add_param(device, periods, param)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_PARAMS);
 }
+
+constexpr const char* MODIFY_PARAMS =
+    "int toolkit::trend::CLog::modify_params("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CParamProperties>&)";
 
 int CLog::modify_params(const CDeviceProperties& device,
                         const std::vector<CParamProperties>& params)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::modify_params("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CParamProperties>&)");
-    try {
-        std::vector<CParamProperties> param_copies = params;
-        CTransCheck check(_db);
-        if (const int failed = check_params(fn, _db, device, params)) return failed;
-        // Of two entries for one parameter the caller's later one is stored last.
-        std::stable_sort(param_copies.begin(), param_copies.end());
-        for (CParamProperties& param : param_copies)
-            param._path = stored_text(param._path);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, MODIFY_PARAMS);
+    std::vector<CParamProperties> param_copies = params;
+    CTransCheck check(_db);
+    if (const int failed = check_params(fn, _db, device, params)) return failed;
+    // Of two entries for one parameter the caller's later one is stored last.
+    std::stable_sort(param_copies.begin(), param_copies.end());
+    for (CParamProperties& param : param_copies)
+        param._path = stored_text(param._path);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        std::vector<CParamProperties> all_params;
-        if (const int failed = read_all_params(*_db, device, all_params)) return failed;
-        std::vector<CParamProperties> new_params = all_params;
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    std::vector<CParamProperties> all_params;
+    if (const int failed = read_all_params(*_db, device, all_params)) return failed;
+    std::vector<CParamProperties> new_params = all_params;
 
-        stmt_wrapper_t stmt(_db->stmt(
-            sql_text("INSERT OR REPLACE INTO params_", device._index, " VALUES (?,?,?,?,?,?,?,?)"),
-            STMT_POOLED));
-        if (!stmt) return -1;
+    stmt_wrapper_t stmt(_db->stmt(
+        sql_text("INSERT OR REPLACE INTO params_", device._index, " VALUES (?,?,?,?,?,?,?,?)"),
+        STMT_POOLED));
+    if (!stmt) return -1;
 
-        // A list that the loop below refuses anyway keeps the loop's own refusal.
-        if (are_acceptable(param_copies, all_params)) {
-            for (const CParamProperties& param : param_copies)
-                if (is_empty_path(param._path)) return refuse(fn, "empty parameter path");
-            if (would_lose_a_param(param_copies, all_params))
-                return refuse(fn, "duplicate parameter path");
-        }
-
-        for (size_t i = 0; i < param_copies.size(); ++i) {
-            const CParamProperties& param = param_copies[i];
-            if (param._index < 0) return refuse(fn, "invalid param id");
-            const auto stored = find_param(all_params, param._index);
-            if (stored == all_params.end()) {
-                report(
-                    "%s: Error: can't update non-existent parameter '%s' at index %zu "
-                    "(internal ID = %jd)",
-                    fn, param._path.c_str(), i, static_cast<intmax_t>(param._index));
-                return -1;
-            }
-            *find_param(new_params, param._index) = param;
-            if (param._type != stored->_type) {
-                // The one message that begins with the parameter's path in place of a signature.
-                report("%s: Error: attempt to change type of parameter (%d -> %d)",
-                       param._path.c_str(), stored->_type, param._type);
-                return -1;
-            }
-
-            if (const int failed = stmt->reset()) return failed;
-            if (const int failed =
-                    bind_all(*stmt, param._index, param._path, int64_t(param._type), param._has_min,
-                             param._has_max, param._has_avg, param._has_actual, param._has_sum))
-                return failed;
-            if (const int failed = run(*stmt)) return failed;
-        }
-
-        for (size_t i = 0; i < periods.size(); ++i) {
-            TREND_ASSERT(periods[i]._period!=0);
-            if (const int failed = recreate_trend_table(periods[i], device, new_params, all_params))
-                return failed;
-        }
-
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+    // A list that the loop below refuses anyway keeps the loop's own refusal.
+    if (are_acceptable(param_copies, all_params)) {
+        for (const CParamProperties& param : param_copies)
+            if (is_empty_path(param._path)) return refuse(fn, "empty parameter path");
+        if (would_lose_a_param(param_copies, all_params))
+            return refuse(fn, "duplicate parameter path");
     }
+
+    for (size_t i = 0; i < param_copies.size(); ++i) {
+        const CParamProperties& param = param_copies[i];
+        if (param._index < 0) return refuse(fn, "invalid param id");
+        const auto stored = find_param(all_params, param._index);
+        if (stored == all_params.end()) {
+            report(
+                "%s: Error: can't update non-existent parameter '%s' at index %zu "
+                "(internal ID = %jd)",
+                fn, param._path.c_str(), i, static_cast<intmax_t>(param._index));
+            return -1;
+        }
+        *find_param(new_params, param._index) = param;
+        if (param._type != stored->_type) {
+            // The one message that begins with the parameter's path in place of a signature.
+            report("%s: Error: attempt to change type of parameter (%d -> %d)", param._path.c_str(),
+                   stored->_type, param._type);
+            return -1;
+        }
+
+        if (const int failed = stmt->reset()) return failed;
+        if (const int failed =
+                bind_all(*stmt, param._index, param._path, int64_t(param._type), param._has_min,
+                         param._has_max, param._has_avg, param._has_actual, param._has_sum))
+            return failed;
+        if (const int failed = run(*stmt)) return failed;
+    }
+
+    for (size_t i = 0; i < periods.size(); ++i) {
+        TREND_ASSERT(periods[i]._period!=0);
+        if (const int failed = recreate_trend_table(periods[i], device, new_params, all_params))
+            return failed;
+    }
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(MODIFY_PARAMS);
 }
+
+constexpr const char* REMOVE_PARAMS =
+    "int toolkit::trend::CLog::remove_params("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CParamProperties>&)";
 
 int CLog::remove_params(const CDeviceProperties& device,
                         const std::vector<CParamProperties>& params)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_params("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CParamProperties>&)");
-    try {
-        std::vector<CParamProperties> param_copies = params;
-        std::sort(param_copies.begin(), param_copies.end());
-        CTransCheck check(_db);
-        if (const int failed = check_params(fn, _db, device, params)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, REMOVE_PARAMS);
+    std::vector<CParamProperties> param_copies = params;
+    std::sort(param_copies.begin(), param_copies.end());
+    CTransCheck check(_db);
+    if (const int failed = check_params(fn, _db, device, params)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        std::vector<CParamProperties> all_params;
-        if (const int failed = read_all_params(*_db, device, all_params)) return failed;
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    std::vector<CParamProperties> all_params;
+    if (const int failed = read_all_params(*_db, device, all_params)) return failed;
 
-        stmt_wrapper_t stmt(_db->stmt(
-            sql_text("DELETE FROM params_", device._index, " WHERE idx = ?"), STMT_FRESH));
-        if (!stmt) return -1;
-        for (const CParamProperties& param : param_copies) {
-            if (param._index < 0) return refuse(fn, "invalid param id");
-            if (const int failed = stmt->reset()) return failed;
-            if (const int failed = bind_all(*stmt, param._index)) return failed;
-            if (const int failed = run(*stmt)) return failed;
-        }
-
-        TREND_ASSERT(std::is_sorted(all_params.begin(), all_params.end()));
-        TREND_ASSERT(std::is_sorted(param_copies.begin(), param_copies.end()));
-        std::vector<CParamProperties> new_params;
-        std::set_difference(all_params.begin(), all_params.end(), param_copies.begin(),
-                            param_copies.end(), std::back_inserter(new_params));
-        for (size_t i = 0; i < periods.size(); ++i) {
-            TREND_ASSERT(periods[i]._period!=0);
-            if (const int failed = recreate_trend_table(periods[i], device, new_params, {}))
-                return failed;
-        }
-
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+    stmt_wrapper_t stmt(
+        _db->stmt(sql_text("DELETE FROM params_", device._index, " WHERE idx = ?"), STMT_FRESH));
+    if (!stmt) return -1;
+    for (const CParamProperties& param : param_copies) {
+        if (param._index < 0) return refuse(fn, "invalid param id");
+        if (const int failed = stmt->reset()) return failed;
+        if (const int failed = bind_all(*stmt, param._index)) return failed;
+        if (const int failed = run(*stmt)) return failed;
     }
+
+    TREND_ASSERT(std::is_sorted(all_params.begin(), all_params.end()));
+    TREND_ASSERT(std::is_sorted(param_copies.begin(), param_copies.end()));
+    std::vector<CParamProperties> new_params;
+    std::set_difference(all_params.begin(), all_params.end(), param_copies.begin(),
+                        param_copies.end(), std::back_inserter(new_params));
+    for (size_t i = 0; i < periods.size(); ++i) {
+        TREND_ASSERT(periods[i]._period!=0);
+        if (const int failed = recreate_trend_table(periods[i], device, new_params, {}))
+            return failed;
+    }
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(REMOVE_PARAMS);
 }
 
 // Builds the trend table anew for the parameters, with the rows it has. With `old_params`, which
@@ -981,113 +979,113 @@ int insert_sample(CDatabase& db, const CDeviceParams& data, const CSnapshot& sna
 
 }  // namespace
 
+constexpr const char* ADD_TREND_DATA =
+    "int toolkit::trend::CLog::add_trend_data("
+    "const toolkit::trend::CDeviceParams&, const toolkit::trend::CSnapshot&)";
+
 int CLog::add_trend_data(const CDeviceParams& data, const CSnapshot& snapshot)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::add_trend_data("
-                    "const toolkit::trend::CDeviceParams&, const toolkit::trend::CSnapshot&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_open(fn, _db)) return failed;
-        if (data._params.empty()) return refuse(fn, "empty param list");
-        if (const int failed = check_device(fn, _db, data._device)) return failed;
-        if (snapshot._time < 0) return refuse(fn, "invalid timestamp");
-        if (snapshot._samples.size() != data._params.size()) return refuse(fn, "bad sample size");
-        // Two opposite infinities in a group have no average, so the group could never be stored.
-        if (std::isinf(snapshot._percent_valid)) return refuse(fn, "invalid percent_valid");
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_TREND_DATA);
+    CTransCheck check(_db);
+    if (const int failed = check_open(fn, _db)) return failed;
+    if (data._params.empty()) return refuse(fn, "empty param list");
+    if (const int failed = check_device(fn, _db, data._device)) return failed;
+    if (snapshot._time < 0) return refuse(fn, "invalid timestamp");
+    if (snapshot._samples.size() != data._params.size()) return refuse(fn, "bad sample size");
+    // Two opposite infinities in a group have no average, so the group could never be stored.
+    if (std::isinf(snapshot._percent_valid)) return refuse(fn, "invalid percent_valid");
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        CRecordingLists lists;
-        std::vector<CPeriodProperties>& periods = lists->_periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        if (periods.empty()) return refuse(fn, "no configured periods");
-        std::vector<unsigned long>& ratios = lists->_ratios;
-        ratios.clear();
-        if (const int failed = calc_period_ratios(periods, ratios)) return failed;
-        std::vector<CParamProperties>& stored_params = lists->_params;
-        if (const int failed = read_all_params(*_db, data._device, stored_params)) return failed;
-        if (stored_params.empty()) return refuse(fn, "no configured parameters");
+    CRecordingLists lists;
+    std::vector<CPeriodProperties>& periods = lists->_periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    if (periods.empty()) return refuse(fn, "no configured periods");
+    std::vector<unsigned long>& ratios = lists->_ratios;
+    ratios.clear();
+    if (const int failed = calc_period_ratios(periods, ratios)) return failed;
+    std::vector<CParamProperties>& stored_params = lists->_params;
+    if (const int failed = read_all_params(*_db, data._device, stored_params)) return failed;
+    if (stored_params.empty()) return refuse(fn, "no configured parameters");
 
-        for (const CParamProperties& param : data._params)
-            if (param._index < 0) return refuse(fn, "invalid param id");
-        if (const int failed = insert_sample(*_db, data, snapshot, periods[0])) return failed;
+    for (const CParamProperties& param : data._params)
+        if (param._index < 0) return refuse(fn, "invalid param id");
+    if (const int failed = insert_sample(*_db, data, snapshot, periods[0])) return failed;
 
-        // The caller may record a part of the parameters; the roll-up always takes all of them.
-        if (const int failed =
-                propagate_recent_samples(data._device, periods, ratios, 0, stored_params))
-            return failed;
+    // The caller may record a part of the parameters; the roll-up always takes all of them.
+    if (const int failed =
+            propagate_recent_samples(data._device, periods, ratios, 0, stored_params))
+        return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_TREND_DATA);
 }
 
+constexpr const char* GET_LATEST_TIMESTAMP =
+    "int toolkit::trend::CLog::get_latest_timestamp("
+    "const toolkit::trend::CDeviceProperties&, time_t&)";
+
 int CLog::get_latest_timestamp(const CDeviceProperties& device, time_t& timestamp)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::get_latest_timestamp("
-                    "const toolkit::trend::CDeviceProperties&, time_t&)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_device(fn, _db, device)) return failed;
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, GET_LATEST_TIMESTAMP);
+    CTransCheck check(_db);
+    if (const int failed = check_device(fn, _db, device)) return failed;
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        if (periods.empty()) return refuse(fn, "no configured periods");
-        TREND_ASSERT(periods[0]._period!=0);
-        int64_t newest = -1;
-        if (const int failed = newest_time(*_db, device, periods[0], newest)) return failed;
-        timestamp = stored_time(newest);
-        TREND_ASSERT(timestamp>=static_cast<time_t>(-1));
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    if (periods.empty()) return refuse(fn, "no configured periods");
+    TREND_ASSERT(periods[0]._period!=0);
+    int64_t newest = -1;
+    if (const int failed = newest_time(*_db, device, periods[0], newest)) return failed;
+    timestamp = stored_time(newest);
+    TREND_ASSERT(timestamp>=static_cast<time_t>(-1));
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(GET_LATEST_TIMESTAMP);
 }
 
 // Blank filling --------------------------------------------------------------------------------
 
+constexpr const char* FILL_BLANK_VALUES =
+    "int toolkit::trend::CLog::fill_blank_values("
+    "const toolkit::trend::CDeviceProperties&, time_t, bool)";
+
 int CLog::fill_blank_values(const CDeviceProperties& device, time_t now, bool mark_valid)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::fill_blank_values("
-                    "const toolkit::trend::CDeviceProperties&, time_t, bool)");
-    try {
-        CTransCheck check(_db);
-        if (const int failed = check_owner_of_rows(fn, _db, device)) return failed;
-        if (now < -1) return refuse(fn, "invalid fill time");
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, FILL_BLANK_VALUES);
+    CTransCheck check(_db);
+    if (const int failed = check_owner_of_rows(fn, _db, device)) return failed;
+    if (now < -1) return refuse(fn, "invalid fill time");
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        if (now == -1) {
-            now = std::time(nullptr);
-            if (now == -1) return refuse(fn, "can't get time");
-        }
-        TREND_ASSERT(now>=static_cast<time_t>(0));
-
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        std::vector<unsigned long> ratios;
-        if (const int failed = calc_period_ratios(periods, ratios)) return failed;
-        TREND_ASSERT(periods.size()==ratios.size());
-        std::vector<CParamProperties> params;
-        if (const int failed = read_all_params(*_db, device, params)) return failed;
-
-        if (!params.empty())
-            for (size_t idx = 0; idx < periods.size(); ++idx)
-                if (const int failed =
-                        fill_period_blanks(device, periods, ratios, idx, params, now, mark_valid))
-                    return failed;
-
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+    if (now == -1) {
+        now = std::time(nullptr);
+        if (now == -1) return refuse(fn, "can't get time");
     }
+    TREND_ASSERT(now>=static_cast<time_t>(0));
+
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    std::vector<unsigned long> ratios;
+    if (const int failed = calc_period_ratios(periods, ratios)) return failed;
+    TREND_ASSERT(periods.size()==ratios.size());
+    std::vector<CParamProperties> params;
+    if (const int failed = read_all_params(*_db, device, params)) return failed;
+
+    if (!params.empty())
+        for (size_t idx = 0; idx < periods.size(); ++idx)
+            if (const int failed =
+                    fill_period_blanks(device, periods, ratios, idx, params, now, mark_valid))
+                return failed;
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(FILL_BLANK_VALUES);
 }
 
 // Fills the table of periods[idx]. A few rows one by one, enough for one row of the next coarser
@@ -1234,67 +1232,67 @@ int bind_read(CStatement& stmt, const std::vector<CPeriodProperties>& period_set
 
 }  // namespace
 
+constexpr const char* GET_TREND_DATA =
+    "int toolkit::trend::CLog::get_trend_data(toolkit::trend::CDeviceData&, "
+    "const toolkit::trend::CDeviceParams&, "
+    "const std::vector<toolkit::trend::CPeriodProperties>&, "
+    "const timebounds_t&, size_t, size_t, bool, bool)";
+
 int CLog::get_trend_data(CDeviceData& data, const CDeviceParams& request,
                          const std::vector<CPeriodProperties>& periods, const timebounds_t& bounds,
                          size_t limit, size_t offset, bool ascending, bool no_overlap)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::get_trend_data(toolkit::trend::CDeviceData&, "
-                    "const toolkit::trend::CDeviceParams&, "
-                    "const std::vector<toolkit::trend::CPeriodProperties>&, "
-                    "const timebounds_t&, size_t, size_t, bool, bool)");
-    try {
-        CTransCheck check(_db);
-        std::vector<CPeriodProperties> period_set = periods;
-        if (const int failed = check_device(fn, _db, request._device)) return failed;
-        if (bounds.first < -1 || bounds.second < -1) return refuse(fn, "invalid time range");
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, GET_TREND_DATA);
+    CTransCheck check(_db);
+    std::vector<CPeriodProperties> period_set = periods;
+    if (const int failed = check_device(fn, _db, request._device)) return failed;
+    if (bounds.first < -1 || bounds.second < -1) return refuse(fn, "invalid time range");
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        // The request may be part of the result: from here on the result's copy is used.
-        data._snapshots.clear();
-        data._device = request._device;
-        data._params = request._params;
-        if (data._params.empty())
-            if (const int failed = get_params(data._device, data._params)) return failed;
-        if (data._params.empty()) return refuse(fn, "empty parameter list");
-        if (period_set.empty())
-            if (const int failed = get_periods(period_set)) return failed;
-        if (period_set.empty()) return refuse(fn, "empty period list");
+    // The request may be part of the result: from here on the result's copy is used.
+    data._snapshots.clear();
+    data._device = request._device;
+    data._params = request._params;
+    if (data._params.empty())
+        if (const int failed = get_params(data._device, data._params)) return failed;
+    if (data._params.empty()) return refuse(fn, "empty parameter list");
+    if (period_set.empty())
+        if (const int failed = get_periods(period_set)) return failed;
+    if (period_set.empty()) return refuse(fn, "empty period list");
 
-        std::vector<long long> upper_bounds;
-        if (no_overlap) {
-            if (const int failed = get_period_boundaries(data._device, period_set, upper_bounds))
-                return failed;
-            TREND_ASSERT(upper_bounds.size()==period_set.size());
-        }
-
-        for (const CParamProperties& param : data._params) {
-            if (param._index >= 0) continue;
-            // Deliberately stricter with a caller who left the periods to us.
-            TREND_ASSERT(!periods.empty());
-            return refuse(fn, "invalid param id");
-        }
-        const stmt_wrapper_t stmt(_db->stmt(read_text(data._device._index, period_set, data._params,
-                                                      bounds, no_overlap, ascending, offset != 0),
-                                            STMT_FRESH));
-        if (!stmt) return -1;
-        if (const int failed =
-                bind_read(*stmt, period_set, bounds, no_overlap, upper_bounds, limit, offset))
+    std::vector<long long> upper_bounds;
+    if (no_overlap) {
+        if (const int failed = get_period_boundaries(data._device, period_set, upper_bounds))
             return failed;
-
-        CSnapshot snapshot;
-        int retval = 0;
-        while ((retval = stmt->step()) == 1) {
-            if (get_sample(stmt.get(), snapshot, data._params) != 0) return retval;
-            data._snapshots.push_back(snapshot);
-        }
-
-        // A failing step ends the rows as the last row does.
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+        TREND_ASSERT(upper_bounds.size()==period_set.size());
     }
+
+    for (const CParamProperties& param : data._params) {
+        if (param._index >= 0) continue;
+        // Deliberately stricter with a caller who left the periods to us.
+        TREND_ASSERT(!periods.empty());
+        return refuse(fn, "invalid param id");
+    }
+    const stmt_wrapper_t stmt(_db->stmt(read_text(data._device._index, period_set, data._params,
+                                                  bounds, no_overlap, ascending, offset != 0),
+                                        STMT_FRESH));
+    if (!stmt) return -1;
+    if (const int failed =
+            bind_read(*stmt, period_set, bounds, no_overlap, upper_bounds, limit, offset))
+        return failed;
+
+    CSnapshot snapshot;
+    int retval = 0;
+    while ((retval = stmt->step()) == 1) {
+        if (get_sample(stmt.get(), snapshot, data._params) != 0) return retval;
+        data._snapshots.push_back(snapshot);
+    }
+
+    // A failing step ends the rows as the last row does.
+    return level.end();
+} catch (...) {
+    return out_of_memory(GET_TREND_DATA);
 }
 
 // Decodes the current row of a read into `snapshot`.
@@ -1364,11 +1362,13 @@ int CLog::get_period_boundaries(const CDeviceProperties& device,
 
 // Clearing -------------------------------------------------------------------------------------
 
+constexpr const char* CLEAR_TREND_DATA =
+    "int toolkit::trend::CLog::clear_trend_data("
+    "const toolkit::trend::CDeviceProperties&, const timebounds_t&)";
+
 int CLog::clear_trend_data(const CDeviceProperties& device, const timebounds_t& bounds)
 {
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::clear_trend_data("
-                    "const toolkit::trend::CDeviceProperties&, const timebounds_t&)");
+    TREND_SIGNATURE(fn, CLEAR_TREND_DATA);
     CTransCheck check(_db);
     if (const int failed = check_owner_of_rows(fn, _db, device)) return failed;
     if (bounds.first < -1 || bounds.second < -1) return refuse(fn, "bad time bounds");
@@ -1377,12 +1377,7 @@ int CLog::clear_trend_data(const CDeviceProperties& device, const timebounds_t& 
     // The one operation that opens its level by hand. A positive code leaves it open, deliberately:
     // nothing here should yield one, and the guard then stops the process.
     time_t latest = -1;
-    int failed = 0;
-    try {
-        failed = clear_rows(device, bounds, latest);
-    } catch (...) {
-        failed = out_of_memory(fn);
-    }
+    int failed = clear_rows(device, bounds, latest);
     if (failed < 0) _db->rollback_transaction();
     if (failed) return failed;
 
@@ -1391,8 +1386,9 @@ int CLog::clear_trend_data(const CDeviceProperties& device, const timebounds_t& 
     return latest != -1 ? 1 : 0;
 }
 
+// Memory that runs out is answered here, so that the level is rolled back above.
 int CLog::clear_rows(const CDeviceProperties& device, const timebounds_t& bounds, time_t& latest)
-{
+try {
     std::vector<CPeriodProperties> periods;
     if (const int failed = read_all_periods(*_db, periods)) return failed;
     for (const CPeriodProperties& period : periods)
@@ -1400,271 +1396,271 @@ int CLog::clear_rows(const CDeviceProperties& device, const timebounds_t& bounds
                 _db->exec(clear_text(device._index, period._period, bounds), STMT_FRESH, ROW_NONE))
             return failed;
     return get_latest_timestamp(device, latest);
+} catch (...) {
+    return out_of_memory(CLEAR_TREND_DATA);
 }
 
 // Steps ----------------------------------------------------------------------------------------
 
+// Not checked against the function: there the compiler spells tk_string out.
+constexpr const char* COLUMN_NAMES =
+    "static int toolkit::trend::CLog::column_names("
+    "const toolkit::trend::CParamProperties&, std::vector<tk_string>&)";
+
 int CLog::column_names(const CParamProperties& param, std::vector<tk_string>& names)
-{
-    // Not checked against the function: there the compiler spells tk_string out.
-    constexpr const char* fn =
-        "static int toolkit::trend::CLog::column_names("
-        "const toolkit::trend::CParamProperties&, std::vector<tk_string>&)";
-    try {
-        names = column_list(param);
-        return 0;
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    names = column_list(param);
+    return 0;
+} catch (...) {
+    return out_of_memory(COLUMN_NAMES);
 }
+
+constexpr const char* ADD_PARAM =
+    "int toolkit::trend::CLog::add_param("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CPeriodProperties>&, "
+    "toolkit::trend::CParamProperties&)";
 
 int CLog::add_param(const CDeviceProperties& device, const std::vector<CPeriodProperties>& periods,
                     CParamProperties& param)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::add_param("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CPeriodProperties>&, "
-                    "toolkit::trend::CParamProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        TREND_ASSERT(device._index>=0);
-        TREND_ASSERT(!periods.empty());
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_PARAM);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    TREND_ASSERT(device._index>=0);
+    TREND_ASSERT(!periods.empty());
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        {
-            const tk_string path = stored_text(param._path);  // bound until the reset
-            const stmt_wrapper_t stmt(_db->stmt(sql_text("INSERT INTO params_", device._index,
-                                                         " VALUES ((SELECT max(idx)+1 FROM params_",
-                                                         device._index, "),?,?,?,?,?,?,?)"),
-                                                STMT_POOLED));
-            if (!stmt) return -1;
+    {
+        const tk_string path = stored_text(param._path);  // bound until the reset
+        const stmt_wrapper_t stmt(_db->stmt(
+            sql_text("INSERT INTO params_", device._index,
+                     " VALUES ((SELECT max(idx)+1 FROM params_", device._index, "),?,?,?,?,?,?,?)"),
+            STMT_POOLED));
+        if (!stmt) return -1;
 
-            if (is_empty_path(param._path)) return refuse(fn, "empty parameter path");
-            if (param._type < 0 || param._type >= SAMPLE_TYPE_LISTEND)
-                return refuse(fn, "unsupported parameter type");
-            if (!keeps_anything(param))
-                return refuse(fn,
-                              "at least one of min/max/avg/actual/sum must be 'true' to add a "
-                              "parameter");
+        if (is_empty_path(param._path)) return refuse(fn, "empty parameter path");
+        if (param._type < 0 || param._type >= SAMPLE_TYPE_LISTEND)
+            return refuse(fn, "unsupported parameter type");
+        if (!keeps_anything(param))
+            return refuse(fn,
+                          "at least one of min/max/avg/actual/sum must be 'true' to add a "
+                          "parameter");
 
-            if (const int failed =
-                    bind_all(*stmt, path, int64_t(param._type), param._has_min, param._has_max,
-                             param._has_avg, param._has_actual, param._has_sum))
-                return failed;
-            if (const int failed = run(*stmt)) return failed;
-        }
-
-        const tk_string sql = sql_text("SELECT max(idx) FROM params_", device._index);
-        if (const int failed = read_intval(*_db, sql, STMT_FRESH, param._index)) return failed;
-        if (param._index < 0) param._index = 1;  // as SQLite numbers the first row
-
-        if (const int failed = add_param_columns(device, periods, param)) return failed;
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+        if (const int failed =
+                bind_all(*stmt, path, int64_t(param._type), param._has_min, param._has_max,
+                         param._has_avg, param._has_actual, param._has_sum))
+            return failed;
+        if (const int failed = run(*stmt)) return failed;
     }
+
+    const tk_string sql = sql_text("SELECT max(idx) FROM params_", device._index);
+    if (const int failed = read_intval(*_db, sql, STMT_FRESH, param._index)) return failed;
+    if (param._index < 0) param._index = 1;  // as SQLite numbers the first row
+
+    if (const int failed = add_param_columns(device, periods, param)) return failed;
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_PARAM);
 }
+
+constexpr const char* ADD_PARAM_COLUMNS =
+    "int toolkit::trend::CLog::add_param_columns("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CPeriodProperties>&, "
+    "const toolkit::trend::CParamProperties&)";
 
 int CLog::add_param_columns(const CDeviceProperties& device,
                             const std::vector<CPeriodProperties>& periods,
                             const CParamProperties& param)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::add_param_columns("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CPeriodProperties>&, "
-                    "const toolkit::trend::CParamProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        TREND_ASSERT(param._index>=0);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, ADD_PARAM_COLUMNS);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    TREND_ASSERT(param._index>=0);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const std::vector<tk_string> names = column_list(param);
-        for (size_t i = 0; i < periods.size(); ++i) {
-            TREND_ASSERT(periods[i]._period!=0);
-            for (const tk_string& name : names) {
-                tk_string sql = sql_text("ALTER TABLE trends_", device._index, "_",
-                                         periods[i]._period, " ADD COLUMN ");
-                append_sql(sql, name, " REAL DEFAULT NULL");
-                if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
-            }
+    const std::vector<tk_string> names = column_list(param);
+    for (size_t i = 0; i < periods.size(); ++i) {
+        TREND_ASSERT(periods[i]._period!=0);
+        for (const tk_string& name : names) {
+            tk_string sql = sql_text("ALTER TABLE trends_", device._index, "_", periods[i]._period,
+                                     " ADD COLUMN ");
+            append_sql(sql, name, " REAL DEFAULT NULL");
+            if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
         }
-
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
     }
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(ADD_PARAM_COLUMNS);
 }
+
+constexpr const char* CREATE_TREND_TABLE =
+    "int toolkit::trend::CLog::create_trend_table("
+    "const toolkit::trend::CPeriodProperties&, "
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CParamProperties>&, bool)";
 
 int CLog::create_trend_table(const CPeriodProperties& period, const CDeviceProperties& device,
                              const std::vector<CParamProperties>& params, bool temp)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::create_trend_table("
-                    "const toolkit::trend::CPeriodProperties&, "
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CParamProperties>&, bool)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, CREATE_TREND_TABLE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CParamProperties> stored_params;
-        if (params.empty()) {
-            if (const int failed = check_device(GET_PARAMS, _db, device)) return failed;
-            if (const int failed = read_all_params(*_db, device, stored_params)) return failed;
-        }
-        const tk_string sql = create_trend_table_text(
-            device._index, period._period, params.empty() ? stored_params : params, temp);
-        if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
-
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
+    std::vector<CParamProperties> stored_params;
+    if (params.empty()) {
+        if (const int failed = check_device(GET_PARAMS, _db, device)) return failed;
+        if (const int failed = read_all_params(*_db, device, stored_params)) return failed;
     }
+    const tk_string sql = create_trend_table_text(device._index, period._period,
+                                                  params.empty() ? stored_params : params, temp);
+    if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(CREATE_TREND_TABLE);
 }
+
+constexpr const char* CREATE_TREND_TABLES_OF_PERIOD =
+    "int toolkit::trend::CLog::create_trend_tables("
+    "const toolkit::trend::CPeriodProperties&)";
 
 int CLog::create_trend_tables(const CPeriodProperties& period)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::create_trend_tables("
-                    "const toolkit::trend::CPeriodProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, CREATE_TREND_TABLES_OF_PERIOD);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CDeviceProperties> devices;
-        if (const int failed = read_all_devices(*_db, devices)) return failed;
-        for (const CDeviceProperties& device : devices)
-            if (const int failed = create_trend_table(period, device, {}, false)) return failed;
+    std::vector<CDeviceProperties> devices;
+    if (const int failed = read_all_devices(*_db, devices)) return failed;
+    for (const CDeviceProperties& device : devices)
+        if (const int failed = create_trend_table(period, device, {}, false)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(CREATE_TREND_TABLES_OF_PERIOD);
 }
+
+constexpr const char* CREATE_TREND_TABLES_OF_DEVICE =
+    "int toolkit::trend::CLog::create_trend_tables("
+    "const toolkit::trend::CDeviceProperties&)";
 
 int CLog::create_trend_tables(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::create_trend_tables("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, CREATE_TREND_TABLES_OF_DEVICE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        for (const CPeriodProperties& period : periods)
-            if (const int failed = create_trend_table(period, device, {}, false)) return failed;
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    for (const CPeriodProperties& period : periods)
+        if (const int failed = create_trend_table(period, device, {}, false)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(CREATE_TREND_TABLES_OF_DEVICE);
 }
+
+constexpr const char* REMOVE_TREND_TABLE =
+    "int toolkit::trend::CLog::remove_trend_table("
+    "const toolkit::trend::CPeriodProperties&, "
+    "const toolkit::trend::CDeviceProperties&)";
 
 int CLog::remove_trend_table(const CPeriodProperties& period, const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_trend_table("
-                    "const toolkit::trend::CPeriodProperties&, "
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        return exec_change(*_db,
-                           sql_text("DROP TABLE trends_", device._index, "_", period._period));
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, REMOVE_TREND_TABLE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    return exec_change(*_db, sql_text("DROP TABLE trends_", device._index, "_", period._period));
+} catch (...) {
+    return out_of_memory(REMOVE_TREND_TABLE);
 }
+
+constexpr const char* REMOVE_TREND_TABLES_OF_PERIOD =
+    "int toolkit::trend::CLog::remove_trend_tables("
+    "const toolkit::trend::CPeriodProperties&)";
 
 int CLog::remove_trend_tables(const CPeriodProperties& period)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_trend_tables("
-                    "const toolkit::trend::CPeriodProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, REMOVE_TREND_TABLES_OF_PERIOD);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CDeviceProperties> devices;
-        if (const int failed = read_all_devices(*_db, devices)) return failed;
-        for (const CDeviceProperties& device : devices)
-            if (const int failed = remove_trend_table(period, device)) return failed;
+    std::vector<CDeviceProperties> devices;
+    if (const int failed = read_all_devices(*_db, devices)) return failed;
+    for (const CDeviceProperties& device : devices)
+        if (const int failed = remove_trend_table(period, device)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(REMOVE_TREND_TABLES_OF_PERIOD);
 }
+
+constexpr const char* REMOVE_TREND_TABLES_OF_DEVICE =
+    "int toolkit::trend::CLog::remove_trend_tables("
+    "const toolkit::trend::CDeviceProperties&)";
 
 int CLog::remove_trend_tables(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_trend_tables("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, REMOVE_TREND_TABLES_OF_DEVICE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        std::vector<CPeriodProperties> periods;
-        if (const int failed = read_all_periods(*_db, periods)) return failed;
-        for (const CPeriodProperties& period : periods)
-            if (const int failed = remove_trend_table(period, device)) return failed;
+    std::vector<CPeriodProperties> periods;
+    if (const int failed = read_all_periods(*_db, periods)) return failed;
+    for (const CPeriodProperties& period : periods)
+        if (const int failed = remove_trend_table(period, device)) return failed;
 
-        return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+    return level.end();
+} catch (...) {
+    return out_of_memory(REMOVE_TREND_TABLES_OF_DEVICE);
 }
+
+constexpr const char* CREATE_PARAM_TABLE =
+    "int toolkit::trend::CLog::create_param_table("
+    "const toolkit::trend::CDeviceProperties&)";
 
 int CLog::create_param_table(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::create_param_table("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        return exec_change(
-            *_db, sql_text("CREATE TABLE params_", device._index,
-                           " (idx INTEGER PRIMARY KEY NOT NULL, path TEXT UNIQUE NOT NULL, type "
-                           "INTEGER NOT NULL, has_min INTEGER NOT NULL, has_max INTEGER NOT NULL, "
-                           "has_avg INTEGER NOT NULL, has_actual INTEGER NOT NULL, has_sum INTEGER "
-                           "NOT NULL)"));
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, CREATE_PARAM_TABLE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    return exec_change(
+        *_db, sql_text("CREATE TABLE params_", device._index,
+                       " (idx INTEGER PRIMARY KEY NOT NULL, path TEXT UNIQUE NOT NULL, type "
+                       "INTEGER NOT NULL, has_min INTEGER NOT NULL, has_max INTEGER NOT NULL, "
+                       "has_avg INTEGER NOT NULL, has_actual INTEGER NOT NULL, has_sum INTEGER "
+                       "NOT NULL)"));
+} catch (...) {
+    return out_of_memory(CREATE_PARAM_TABLE);
 }
 
+constexpr const char* REMOVE_PARAM_TABLE =
+    "int toolkit::trend::CLog::remove_param_table("
+    "const toolkit::trend::CDeviceProperties&)";
+
 int CLog::remove_param_table(const CDeviceProperties& device)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::remove_param_table("
-                    "const toolkit::trend::CDeviceProperties&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        return exec_change(*_db, sql_text("DROP TABLE params_", device._index));
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, REMOVE_PARAM_TABLE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    return exec_change(*_db, sql_text("DROP TABLE params_", device._index));
+} catch (...) {
+    return out_of_memory(REMOVE_PARAM_TABLE);
 }
 
 // Roll-up --------------------------------------------------------------------------------------
@@ -1772,82 +1768,82 @@ int roll_up_groups(CDatabase& db, const CDeviceProperties& device, const CPeriod
 
 }  // namespace
 
+constexpr const char* PROPAGATE_RECENT_SAMPLES =
+    "int toolkit::trend::CLog::propagate_recent_samples("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const std::vector<toolkit::trend::CPeriodProperties>&, "
+    "const std::vector<long unsigned int>&, size_t, "
+    "const std::vector<toolkit::trend::CParamProperties>&)";
+
 int CLog::propagate_recent_samples(const CDeviceProperties& device,
                                    const std::vector<CPeriodProperties>& periods,
                                    const std::vector<unsigned long>& ratios, size_t idx,
                                    const std::vector<CParamProperties>& params)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::propagate_recent_samples("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const std::vector<toolkit::trend::CPeriodProperties>&, "
-                    "const std::vector<long unsigned int>&, size_t, "
-                    "const std::vector<toolkit::trend::CParamProperties>&)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        TREND_ASSERT(device._index>=0);
-        TREND_ASSERT(!device._path.empty());
-        TREND_ASSERT(!periods.empty());
-        TREND_ASSERT(idx<periods.size());
-        TREND_ASSERT(periods[idx]._period!=0);
-        TREND_ASSERT(ratios.size()==periods.size());
-        TREND_ASSERT((ratios[idx]>1) || (idx==(periods.size()-1)));
-        TREND_ASSERT(!params.empty());
-        CTransLevel level(*_db);
-        if (const int failed = level.begin()) return failed;
+try {
+    TREND_SIGNATURE(fn, PROPAGATE_RECENT_SAMPLES);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    TREND_ASSERT(device._index>=0);
+    TREND_ASSERT(!device._path.empty());
+    TREND_ASSERT(!periods.empty());
+    TREND_ASSERT(idx<periods.size());
+    TREND_ASSERT(periods[idx]._period!=0);
+    TREND_ASSERT(ratios.size()==periods.size());
+    TREND_ASSERT((ratios[idx]>1) || (idx==(periods.size()-1)));
+    TREND_ASSERT(!params.empty());
+    CTransLevel level(*_db);
+    if (const int failed = level.begin()) return failed;
 
-        const CPeriodProperties& period = periods[idx];
-        if (idx == periods.size() - 1) {
-            if (const int failed = trim_period_table(device, period, true)) return failed;
-            return level.end();
-        }
-        TREND_ASSERT(periods[idx+1]._period!=0);
-        const CPeriodProperties& coarse = periods[idx + 1];
-
-        stragglers_t stragglers;
-        if (const int failed = count_stragglers(*_db, device, period, coarse, stragglers))
-            return failed;
-        // Without a full group nothing above can have changed, so neither this table is trimmed nor
-        // are the coarser ones looked at.
-        if (static_cast<uint64_t>(stragglers._count) < ratios[idx]) return level.end();
-
-        // Trimmed after the count and before any group is read: a table shorter than one group
-        // loses its oldest rows here, and the coarse row then stands for the survivors.
-        TREND_ASSERT(period._max_entries!=0);
-        int64_t cutoff = -1;
-        if (const int failed = trim_rows(*_db, device, period, true, cutoff)) return failed;
-        if (const int failed = roll_up_groups(*_db, device, period, coarse, ratios[idx], params,
-                                              stragglers, cutoff))
-            return failed;
-        if (const int failed = propagate_recent_samples(device, periods, ratios, idx + 1, params))
-            return failed;
-
+    const CPeriodProperties& period = periods[idx];
+    if (idx == periods.size() - 1) {
+        if (const int failed = trim_period_table(device, period, true)) return failed;
         return level.end();
-    } catch (...) {
-        return out_of_memory(fn);
     }
+    TREND_ASSERT(periods[idx+1]._period!=0);
+    const CPeriodProperties& coarse = periods[idx + 1];
+
+    stragglers_t stragglers;
+    if (const int failed = count_stragglers(*_db, device, period, coarse, stragglers))
+        return failed;
+    // Without a full group nothing above can have changed, so neither this table is trimmed nor
+    // are the coarser ones looked at.
+    if (static_cast<uint64_t>(stragglers._count) < ratios[idx]) return level.end();
+
+    // Trimmed after the count and before any group is read: a table shorter than one group
+    // loses its oldest rows here, and the coarse row then stands for the survivors.
+    TREND_ASSERT(period._max_entries!=0);
+    int64_t cutoff = -1;
+    if (const int failed = trim_rows(*_db, device, period, true, cutoff)) return failed;
+    if (const int failed =
+            roll_up_groups(*_db, device, period, coarse, ratios[idx], params, stragglers, cutoff))
+        return failed;
+    if (const int failed = propagate_recent_samples(device, periods, ratios, idx + 1, params))
+        return failed;
+
+    return level.end();
+} catch (...) {
+    return out_of_memory(PROPAGATE_RECENT_SAMPLES);
 }
+
+constexpr const char* TRIM_PERIOD_TABLE =
+    "int toolkit::trend::CLog::trim_period_table("
+    "const toolkit::trend::CDeviceProperties&, "
+    "const toolkit::trend::CPeriodProperties&, bool)";
 
 int CLog::trim_period_table(const CDeviceProperties& device, const CPeriodProperties& period,
                             bool keep_spare)
-{
-    TREND_SIGNATURE(fn,
-                    "int toolkit::trend::CLog::trim_period_table("
-                    "const toolkit::trend::CDeviceProperties&, "
-                    "const toolkit::trend::CPeriodProperties&, bool)");
-    try {
-        CTransCheck check(_db);
-        TREND_ASSERT(_db);
-        TREND_ASSERT(device._index>=0);
-        TREND_ASSERT(!device._path.empty());
-        TREND_ASSERT(period._period!=0);
-        TREND_ASSERT(period._max_entries!=0);
-        int64_t cutoff = -1;
-        return trim_rows(*_db, device, period, keep_spare, cutoff);
-    } catch (...) {
-        return out_of_memory(fn);
-    }
+try {
+    TREND_SIGNATURE(fn, TRIM_PERIOD_TABLE);
+    CTransCheck check(_db);
+    TREND_ASSERT(_db);
+    TREND_ASSERT(device._index>=0);
+    TREND_ASSERT(!device._path.empty());
+    TREND_ASSERT(period._period!=0);
+    TREND_ASSERT(period._max_entries!=0);
+    int64_t cutoff = -1;
+    return trim_rows(*_db, device, period, keep_spare, cutoff);
+} catch (...) {
+    return out_of_memory(TRIM_PERIOD_TABLE);
 }
 
 }  // namespace toolkit::trend
