@@ -40,7 +40,7 @@ def main():
     files = [*tests.glob("*.cpp"), *tests.glob("support/*"), *tests.glob("module/*.cpp")]
     seen = "\n".join(text for file in files for text in texts(code(file)))
     pieces = set()
-    for file in sorted(pathlib.Path("common/source").glob("*.cpp")):
+    for file in sorted(pathlib.Path("common/source").rglob("*.cpp")):
         source = code(file)
         for call in PRINTERS.finditer(source):
             for text in texts(arguments(source, call.end())):
