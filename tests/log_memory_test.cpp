@@ -1,6 +1,6 @@
 // Every operation against memory that runs out at each of its allocations in turn: it says so in
 // one line, the file holds what it held, the nesting level is what it was, and made again the call
-// does its work. Opening is in log_open_test.cpp.
+// does its work. Opening is in log_lifecycle_test.cpp.
 
 #include <gtest/gtest.h>
 
