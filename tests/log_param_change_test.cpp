@@ -292,20 +292,21 @@ TEST_F(log_modify_params, refuses_another_type)
     CParamProperties other = changed(1, "voltage", "avg");
     other._type = SAMPLE_TYPE_PF;
     EXPECT_REFUSES(modify({other}),
-                   "voltage: Error: attempt to change type of parameter (0 -> 1)\n");
+                   "voltage: Error: attempt to change type of parameter 'voltage' (0 -> 1)\n");
     other = changed(3, "cosphi", "avg");
     other._type = SAMPLE_TYPE_VALUE;
     EXPECT_REFUSES(modify({other}),
-                   "cosphi: Error: attempt to change type of parameter (1 -> 0)\n");
+                   "cosphi: Error: attempt to change type of parameter 'cosphi' (1 -> 0)\n");
 }
 
 TEST_F(log_modify_params, refuses_a_type_that_there_is_not_as_another_type)
 {
     CParamProperties other = changed(1, "u", "avg");
     other._type = SAMPLE_TYPE_LISTEND;
-    EXPECT_REFUSES(modify({other}), "u: Error: attempt to change type of parameter (0 -> 2)\n");
+    EXPECT_REFUSES(modify({other}), "u: Error: attempt to change type of parameter 'u' (0 -> 2)\n");
     other._type = static_cast<sample_type_t>(-7);
-    EXPECT_REFUSES(modify({other}), "u: Error: attempt to change type of parameter (0 -> -7)\n");
+    EXPECT_REFUSES(modify({other}),
+                   "u: Error: attempt to change type of parameter 'u' (0 -> -7)\n");
 }
 
 TEST_F(log_modify_params, undoes_the_entries_before_the_one_that_is_refused)
@@ -392,7 +393,7 @@ TEST_F(log_modify_params, leaves_a_refused_list_its_own_refusal)
     CParamProperties other = changed(3, "cosphi", "avg");
     other._type = SAMPLE_TYPE_VALUE;
     EXPECT_REFUSES(modify({changed(1, "i", "avg"), other}),
-                   "cosphi: Error: attempt to change type of parameter (1 -> 0)\n");
+                   "cosphi: Error: attempt to change type of parameter 'cosphi' (1 -> 0)\n");
     EXPECT_REFUSES(modify({changed(1, "", "avg"), only_index(-5)}),
                    MODIFY + ": Error: invalid param id\n");
 }

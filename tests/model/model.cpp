@@ -766,7 +766,8 @@ int log_t::modify_params(const device_t& device, const std::vector<param_t>& par
                         std::to_string(i) + " (internal ID = " + std::to_string(param.index) + ")")
                            .c_str());
             if (old->type != param.type) {
-                say(param.path + ": Error: attempt to change type of parameter*");
+                say(param.path + ": Error: attempt to change type of parameter '" + param.path +
+                    "' (" + std::to_string(old->type) + " -> " + std::to_string(param.type) + ")");
                 throw failure_t{-1};
             }
             new_params[static_cast<size_t>(old - old_params.begin())] = param;

@@ -333,8 +333,8 @@ public:
     // Every table of the device is rebuilt: a newly kept aggregate has no values in older rows, one
     // no longer kept loses them. Paths may be swapped within one list. Reports "Error: invalid
     // param id" (negative), "Error: can't update non-existent parameter ...", "Error: attempt to
-    // change type of parameter ...", "Error: empty parameter path", "Error: duplicate parameter
-    // path"; -1.
+    // change type of parameter ..." (after the parameter's path in place of a signature), "Error:
+    // empty parameter path", "Error: duplicate parameter path"; -1.
     int modify_params(const CDeviceProperties& device, const std::vector<CParamProperties>& params);
 
     // Removes the parameters with the same `_index` and their values from all tables. Identifiers

@@ -132,8 +132,8 @@ try {
         *find_param(new_params, param._index) = param;
         if (param._type != stored->_type) {
             // The one message that begins with the parameter's path in place of a signature.
-            report("%s: Error: attempt to change type of parameter (%d -> %d)", param._path.c_str(),
-                   stored->_type, param._type);
+            report("%s: Error: attempt to change type of parameter '%s' (%d -> %d)",
+                   param._path.c_str(), param._path.c_str(), stored->_type, param._type);
             return -1;
         }
 
