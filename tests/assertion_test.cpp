@@ -8,13 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <type_traits>
 
 #include "database.h"
 #include "expect.h"
 #include "transcheck.h"
+#include "trend_api.h"
 #include "trend_base.h"
 
 using namespace toolkit::trend;
@@ -45,6 +49,13 @@ template <typename A, typename B>
 void expect_same_type()
 {
     TREND_ASSERT(std::is_same_v<A, B>);
+}
+
+std::string content(const char* file)
+{
+    std::ostringstream text;
+    text << std::ifstream(file).rdbuf();
+    return text.str();
 }
 
 std::string without_blanks(std::string text)
@@ -104,6 +115,23 @@ TEST(assertion, takes_whatever_can_be_a_condition)
     const std::shared_ptr<int> empty;
     TREND_ASSERT(full);
     EXPECT_STOPS(TREND_ASSERT(empty), "empty");
+}
+
+TEST(assertion, loses_no_line_where_standard_error_is_a_buffered_file)
+{
+    const auto fail_after_two_lines = [] {
+        if (std::freopen("host.log", "w", stderr) == nullptr) return;
+        std::setvbuf(stderr, nullptr, _IOFBF, 65536);
+        CLog::err(0, "pump %d started", 1);
+        CLog::err(0, "pump %d stalled", 2);
+        assertion_failed("pump.cpp", 12, "void start()", "ready");
+    };
+    EXPECT_EXIT(fail_after_two_lines(), testing::KilledBySignal(SIGABRT), "");
+    EXPECT_EQ(
+        "pump 1 started\n"
+        "pump 2 stalled\n"
+        "pump.cpp:12: void start(): Assertion `ready' failed.\n",
+        content("host.log"));
 }
 
 // When the condition holds -----------------------------------------------------------------------

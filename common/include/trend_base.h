@@ -10,7 +10,8 @@
 
 namespace toolkit::trend {
 
-// Prints one line on standard error (file, line, function, condition) and aborts the process.
+// Prints one line on standard error (file, line, function, condition), flushes it and aborts the
+// process.
 [[noreturn]] TREND_EXPORT void assertion_failed(const char* file, unsigned int line,
                                                 const char* function,
                                                 const char* condition) noexcept;
