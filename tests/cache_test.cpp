@@ -26,7 +26,6 @@
 using toolkit::cache_entry_not_found;
 using toolkit::cache_uninitialized;
 using toolkit::CCache;
-using toolkit::detail::handle_equal;
 using toolkit::detail::handle_hasher;
 
 namespace {
@@ -185,7 +184,10 @@ TEST(handle_hash, follows_the_key_sought_where_there_is_one)
 TEST(handle_comparison, wants_equal_lengths_and_equal_bytes)
 {
     const auto equal = [](const std::string& a, const std::string& b) {
-        return handle_equal()(lone_slot(a).handle(), lone_slot(b).handle());
+        lone_slot one(a);
+        lone_slot other(b);
+        EXPECT_NE(one.handle() == other.handle(), one.handle() != other.handle());
+        return one.handle() == other.handle();
     };
     EXPECT_TRUE(equal("abc", "abc"));
     EXPECT_TRUE(equal("", ""));
@@ -202,8 +204,8 @@ TEST(handle_comparison, follows_the_key_sought_where_there_is_one)
     const std::string sought = "a";
     lone_slot probe("b");
     probe.seek(sought);
-    EXPECT_TRUE(handle_equal()(probe.handle(), lone_slot("a").handle()));
-    EXPECT_FALSE(handle_equal()(probe.handle(), lone_slot("b").handle()));
+    EXPECT_TRUE(probe.handle() == lone_slot("a").handle());
+    EXPECT_TRUE(probe.handle() != lone_slot("b").handle());
 }
 
 TEST(cache, tells_keys_apart_behind_a_zero_byte)
@@ -235,6 +237,14 @@ TEST(cache, takes_any_type_of_byte_string_as_key)
     cache.add_raw(b, "B");
     EXPECT_EQ("B", cache.lookup(b));
     EXPECT_FALSE(has(cache, a));
+}
+
+TEST_F(lookup, gives_a_handle_equal_to_the_one_of_the_insertion)
+{
+    const handle_t pump = add("pump");
+    const handle_t fan = add("fan");
+    EXPECT_TRUE(_cache.lookup_raw("pump") == pump);
+    EXPECT_TRUE(_cache.lookup_raw("pump") != fan);
 }
 
 TEST_F(add_raw, returns_a_handle_to_the_slot_of_the_entry)

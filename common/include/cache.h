@@ -22,8 +22,22 @@ class TREND_EXPORT cache_uninitialized : public std::exception {};
 
 namespace detail {
 
+// Compares and hashes by the key of the slot that it leads to. Keys are byte strings: anything with
+// data() and size() in characters.
 template <typename Entry>
 struct handle_to {
+    std::string_view key() const noexcept
+    {
+        const auto& bytes = ptr->effective_key();
+        return std::string_view(bytes.data(), bytes.size());
+    }
+
+    friend bool operator==(const handle_to& a, const handle_to& b) noexcept
+    {
+        return a.key() == b.key();
+    }
+    friend bool operator!=(const handle_to& a, const handle_to& b) noexcept { return !(a == b); }
+
     typename std::vector<Entry>::iterator ptr;
 };
 
@@ -38,28 +52,13 @@ struct cache_entry {
     const Key* keyptr = nullptr;  // the key sought, in the lookup probe only
 };
 
-// Keys are byte strings: anything with data() and size() in characters. Not noexcept, which makes
-// the standard library store the hashes: a lookup would hash its neighbours' long keys otherwise.
+// Not noexcept, which makes the standard library store the hashes: a lookup would hash its
+// neighbours' long keys otherwise.
 struct handle_hasher {
     template <typename Entry>
     size_t operator()(const handle_to<Entry>& handle) const
     {
-        return std::hash<std::string_view>()(bytes(handle));
-    }
-
-    template <typename Entry>
-    static std::string_view bytes(const handle_to<Entry>& handle) noexcept
-    {
-        const auto& key = handle.ptr->effective_key();
-        return std::string_view(key.data(), key.size());
-    }
-};
-
-struct handle_equal {
-    template <typename Entry>
-    bool operator()(const handle_to<Entry>& a, const handle_to<Entry>& b) const noexcept
-    {
-        return handle_hasher::bytes(a) == handle_hasher::bytes(b);
+        return std::hash<std::string_view>()(handle.key());
     }
 };
 
@@ -186,7 +185,7 @@ public:
 
 private:
     using queue_t = std::list<handle_t>;
-    using hashtable_t = std::unordered_set<handle_t, detail::handle_hasher, detail::handle_equal>;
+    using hashtable_t = std::unordered_set<handle_t, detail::handle_hasher>;
     using node_t = typename hashtable_t::node_type;
 
     void init(size_t capacity)
