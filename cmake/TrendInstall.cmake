@@ -39,7 +39,7 @@ function(trend_relative_to_prefix result dir)
 endfunction()
 
 trend_relative_to_prefix(TREND_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
-trend_relative_to_prefix(TREND_PC_INCLUDEDIR "${TREND_HEADER_DIR}")
+trend_relative_to_prefix(TREND_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
 file(RELATIVE_PATH TREND_PC_PREFIX "/${TREND_PC_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" TREND_PC_PREFIX "${TREND_PC_PREFIX}")
 get_target_property(definitions trend INTERFACE_COMPILE_DEFINITIONS)

@@ -1,0 +1,4 @@
+#pragma once
+
+// Lets the headers of this folder find this one beside them, as they do where all are installed.
+#include "../trend_base.h"
