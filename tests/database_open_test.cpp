@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -280,6 +281,19 @@ TEST_F(database_open, returns_the_failure_to_register_the_aggregate_functions)
     EXPECT_REPORTS(open(), -1, "Error: create_function(pfavg) failed\n");
     unwanted_function.clear();
     EXPECT_EQ(trace.calls().back(), "create pfavg");
+}
+
+TEST_F(database_open, reports_a_pool_for_which_there_is_no_memory_and_is_closed)
+{
+    ASSERT_EQ(open(), 0);
+    open_args args;
+    args._pool_capacity = std::numeric_limits<size_t>::max();
+    call_trace trace;
+    EXPECT_REPORTS(open("other.db", args), -1, std::string(OPEN) + ": Error: out of memory\n");
+    EXPECT_THAT(trace.calls(), ElementsAre());
+    EXPECT_FALSE(_db.is_open());
+    EXPECT_FALSE(std::filesystem::exists("other.db"));
+    EXPECT_QUIET(open(), 0);
 }
 
 TEST_F(database_open, reports_an_empty_name_and_keeps_what_was_open)

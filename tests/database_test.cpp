@@ -13,7 +13,6 @@
 #include <type_traits>
 #include <vector>
 
-#include "cache.h"
 #include "database_fixture.h"
 #include "faults.h"
 #include "trace.h"
@@ -127,12 +126,15 @@ TEST_F(database_stmt, text_must_not_be_empty)
     EXPECT_STOPS_IN(closed.stmt("", STMT_FRESH), function, "!str.empty()");
 }
 
-TEST_F(database_stmt, pool_without_room_throws)
+TEST_F(database_stmt, pool_without_room_is_reported)
 {
     open_args args;
     args._pool_capacity = 0;
     ASSERT_EQ(open(args), 0);
-    EXPECT_THROW(_db.stmt("SELECT 1", STMT_POOLED), cache_uninitialized);
+    EXPECT_REPORTS(
+        _db.stmt("SELECT 1", STMT_POOLED), stmt_ptr_t(),
+        "toolkit::trend::stmt_ptr_t toolkit::trend::CDatabase::stmt(const tk_string&, bool): "
+        "Error: invalid pool capacity\n");
     EXPECT_TRUE(_db.stmt("SELECT 1", STMT_FRESH));
 }
 
@@ -168,6 +170,17 @@ TEST_F(database_exec, reports_a_text_that_cannot_be_prepared)
     for (const bool fresh : {STMT_FRESH, STMT_POOLED})
         EXPECT_REPORTS(_db.exec("SELEC 1", fresh, ROW_OK), -1,
                        prepare_report("near \"SELEC\": syntax error"));
+}
+
+TEST_F(database_exec, pool_without_room_is_reported)
+{
+    open_args args;
+    args._pool_capacity = 0;
+    ASSERT_EQ(open(args), 0);
+    EXPECT_REPORTS(_db.exec("CREATE TABLE t(a)", STMT_POOLED, ROW_NONE), -1,
+                   "int toolkit::trend::CDatabase::exec(const tk_string&, bool, bool): Error: "
+                   "invalid pool capacity\n");
+    EXPECT_QUIET(_db.exec("CREATE TABLE t(a)", STMT_FRESH, ROW_NONE), 0);
 }
 
 TEST_F(database_exec, steps_once)

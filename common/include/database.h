@@ -29,9 +29,9 @@ constexpr bool NULL_NOT_OK = false;  // NULL is a failure
 // Everything but open(), close() and is_open() wants an open connection, which is asserted. One
 // thread at a time; other processes may use the file, and a step that finds it locked waits.
 //
-// Statements and the pool allocate: std::bad_alloc, std::length_error for a pool too large, and
-// cache_uninitialized for one of capacity 0 pass through open(), stmt(), exec(), get_intval() and
-// update_cache_size(), but not through the transaction operations.
+// No exception leaves a connection. An operation that runs out of memory reports "Error: out of
+// memory", also a pool that is too large to be had, and one that wants a statement from a pool of
+// capacity 0 "Error: invalid pool capacity"; the result is -1, or an empty statement.
 class TREND_EXPORT CDatabase {
 public:
     CDatabase() = default;
@@ -43,8 +43,7 @@ public:
     // Opens or reopens the file; see CLog::open() for the settings. A new file is not writable for
     // group and others. The aggregate functions are registered last. After a failure call open()
     // again or close(): a handle may be left, and is_open() be true. Reports "empty DB name" (-1)
-    // and "can't open DB
-    // '...'", the latter with SQLite's code as the result.
+    // and "can't open DB '...'", the latter with SQLite's code as the result.
     int open(const tk_string& name, size_t pool_capacity, bool read_only, bool create,
              bool temp_in_memory, size_t page_size, size_t cache_bytes, size_t heap_limit,
              bool wal);
@@ -56,7 +55,7 @@ public:
 
     // A prepared statement of the first statement in `str`: from the pool, to be reset before the
     // same text is asked for again, or with `fresh` one of its own, for texts that are used once or
-    // rarely. Empty when it cannot be prepared, which has been reported.
+    // rarely. Empty when it cannot be made, which has been reported.
     stmt_ptr_t stmt(const tk_string& str, bool fresh);
 
     // Prepares the first statement in `str`, steps it once and resets it. 0 when done, 1 for a row
@@ -74,9 +73,9 @@ public:
 
     // Nested transactions: only the outermost level issues BEGIN, COMMIT and ROLLBACK. An inner
     // rollback leaves its work to the outer levels. A failed outermost end_transaction() has rolled
-    // back and must not be followed by rollback_transaction(). None of them throws. A ROLLBACK that
-    // SQLite could not run is made up for by the next begin: a host that ends that transaction on
-    // the raw handle must not open one of its own there before.
+    // back and must not be followed by rollback_transaction(). A ROLLBACK that SQLite could not run
+    // is made up for by the next begin: a host that ends that transaction on the raw handle must
+    // not open one of its own there before.
     int begin_transaction();
     int end_transaction();
     void rollback_transaction();
@@ -92,6 +91,7 @@ public:
 private:
     friend class CStatement;   // refuses to step in a dropped transaction
     friend class CTransCheck;  // compares nesting levels
+    friend struct CThrowing;   // these operations, for those that answer their exceptions
 
     // Whether SQLite has ended the transaction while its level still stands.
     bool transaction_dropped() const;
@@ -99,7 +99,7 @@ private:
     // Issues ROLLBACK at level 0. What SQLite then still holds open is owed to the next begin.
     void roll_back() noexcept;
 
-    // Runs BEGIN, COMMIT or ROLLBACK. What it throws is reported under the name `fn`, -1.
+    // Runs BEGIN, COMMIT or ROLLBACK, and reports what that throws under the name `fn`, -1.
     int control(const char* fn, const char* sql) noexcept;
 
     sqlite3* _db = nullptr;

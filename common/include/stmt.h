@@ -16,7 +16,8 @@ class CDatabase;
 // One prepared statement of one connection, which must outlive it.
 //
 // Results are 0 on success and -1 after a failure reported on standard error, except step(). A
-// report carries SQLite's code and message. Every operation but prepare() wants a prepared
+// report carries SQLite's code and message. No exception leaves a statement: a text for which there
+// is no memory is "Error: out of memory", -1. Every operation but prepare() wants a prepared
 // statement, which is asserted. Parameters count from 1, columns from 0. One thread at a time.
 class TREND_EXPORT CStatement {
 public:
@@ -60,6 +61,8 @@ public:
     int column(size_t col, COptVal& out) const;
 
 private:
+    friend struct CThrowing;  // the library's own way to read a text
+
     CDatabase& _db;
     sqlite3_stmt* _stmt;
 };

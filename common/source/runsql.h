@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "database.h"
+#include "throwing.h"
 
 namespace toolkit::trend {
 
@@ -52,7 +53,7 @@ inline int run(CStatement& stmt)
 template <typename... Values>
 int run_once(CDatabase& db, const tk_string& sql, bool fresh, const Values&... values)
 {
-    const stmt_wrapper_t stmt(db.stmt(sql, fresh));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, fresh));
     if (!stmt) return -1;
     if (const int failed = bind_all(*stmt, values...)) return failed;
     return run(*stmt);

@@ -10,6 +10,7 @@
 
 #include "database.h"
 #include "report.h"
+#include "throwing.h"
 
 namespace toolkit::trend {
 
@@ -153,19 +154,29 @@ int CStatement::column(size_t col, double& out, bool null_ok) const
     return 0;
 }
 
+constexpr const char* COLUMN_TEXT =
+    "int toolkit::trend::CStatement::column(size_t, tk_string&, bool) const";
+
 int CStatement::column(size_t col, tk_string& out, bool null_ok) const
-{
-    TREND_SIGNATURE(fn, "int toolkit::trend::CStatement::column(size_t, tk_string&, bool) const");
+try {
+    TREND_SIGNATURE(fn, COLUMN_TEXT);
     TREND_ASSERT(_stmt!=__null);
-    const int type = sqlite3_column_type(_stmt, sqlite_int(col));
+    return CThrowing::column(*this, col, out, null_ok);
+} catch (...) {
+    return out_of_memory(COLUMN_TEXT);
+}
+
+int CThrowing::column(const CStatement& stmt, size_t col, tk_string& out, bool null_ok)
+{
+    const int type = sqlite3_column_type(stmt._stmt, sqlite_int(col));
     if (type == SQLITE_TEXT) {
-        const unsigned char* text = sqlite3_column_text(_stmt, sqlite_int(col));
-        if (!text) return out_of_memory(fn);  // for its conversion from another encoding
+        const unsigned char* text = sqlite3_column_text(stmt._stmt, sqlite_int(col));
+        if (!text) return out_of_memory(COLUMN_TEXT);  // for its conversion from another encoding
         out.assign(reinterpret_cast<const char*>(text));
     } else if (type == SQLITE_NULL && null_ok) {
         out.clear();
     } else {
-        return wrong_type(fn, "non-text");
+        return wrong_type(COLUMN_TEXT, "non-text");
     }
     return 0;
 }

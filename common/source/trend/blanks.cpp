@@ -81,7 +81,7 @@ int CLog::fill_period_blanks(const CDeviceProperties& device,
 
     tk_string sql = sql_text("INSERT INTO trends_", device._index, "_", period._period,
                              " (time, percent_valid) VALUES (?,", percent_valid, ")");
-    stmt_wrapper_t stmt(_db->stmt(sql, STMT_POOLED));
+    stmt_wrapper_t stmt(CThrowing::stmt(*_db, sql, STMT_POOLED));
     if (!stmt) {
         report("Can't prepare SQL (3): '%s'", sql.c_str());
         return -1;
@@ -131,7 +131,7 @@ int CLog::fill_period_blanks(const CDeviceProperties& device,
                                " (time, percent_valid) SELECT time+?, ", percent_valid,
                                " FROM trends_", device._index, "_", period._period,
                                " WHERE time > ? LIMIT ?");
-                stmt = _db->stmt(sql, STMT_POOLED);
+                stmt = CThrowing::stmt(*_db, sql, STMT_POOLED);
                 if (!stmt) {
                     report("Can't prepare SQL (4): '%s'", sql.c_str());
                     return -1;

@@ -35,8 +35,8 @@ try {
     std::vector<CPeriodProperties> periods;
     if (const int failed = read_all_periods(*_db, periods)) return failed;
     for (const CPeriodProperties& period : periods)
-        if (const int failed =
-                _db->exec(clear_text(device._index, period._period, bounds), STMT_FRESH, ROW_NONE))
+        if (const int failed = CThrowing::exec(
+                *_db, clear_text(device._index, period._period, bounds), STMT_FRESH, ROW_NONE))
             return failed;
     return get_latest_timestamp(device, latest);
 } catch (...) {

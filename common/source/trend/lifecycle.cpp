@@ -19,8 +19,8 @@ try {
     if (pool_capacity == 0 && !is_empty_path(name)) return refuse(fn, "invalid pool capacity");
 
     _db = std::make_shared<CDatabase>();
-    int failed = _db->open(name, pool_capacity, read_only, create, temp_in_memory, page_size,
-                           cache_bytes, heap_limit, wal);
+    int failed = CThrowing::open(*_db, name, pool_capacity, read_only, create, temp_in_memory,
+                                 page_size, cache_bytes, heap_limit, wal);
     if (!failed && !read_only && create) failed = init_basic_tables();
     if (failed) _db.reset();
     return failed;
@@ -75,7 +75,7 @@ int CLog::vacuum()
 try {
     TREND_SIGNATURE(fn, VACUUM);
     if (const int failed = check_open(fn, _db)) return failed;
-    return _db->exec("VACUUM", STMT_POOLED, ROW_NONE);
+    return CThrowing::exec(*_db, "VACUUM", STMT_POOLED, ROW_NONE);
 } catch (...) {
     return out_of_memory(VACUUM);
 }

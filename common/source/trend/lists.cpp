@@ -5,6 +5,7 @@
 
 #include "columns.h"
 #include "sqlformat.h"
+#include "throwing.h"
 #include "translevel.h"
 
 namespace toolkit::trend {
@@ -27,15 +28,15 @@ int read_period(const CStatement& row, CPeriodProperties& newprop)
 int read_device(const CStatement& row, CDeviceProperties& newprop)
 {
     if (const int failed = row.column(0, newprop._index, NULL_NOT_OK)) return failed;
-    if (const int failed = row.column(1, newprop._path, NULL_NOT_OK)) return failed;
+    if (const int failed = CThrowing::column(row, 1, newprop._path, NULL_NOT_OK)) return failed;
     TREND_ASSERT(!newprop._path.empty());
-    return row.column(2, newprop._guid, NULL_OK);
+    return CThrowing::column(row, 2, newprop._guid, NULL_OK);
 }
 
 int read_param(const CStatement& row, CParamProperties& newprop)
 {
     if (const int failed = row.column(0, newprop._index, NULL_NOT_OK)) return failed;
-    if (const int failed = row.column(1, newprop._path, NULL_NOT_OK)) return failed;
+    if (const int failed = CThrowing::column(row, 1, newprop._path, NULL_NOT_OK)) return failed;
     TREND_ASSERT(!newprop._path.empty());
 
     int64_t ival = 0;
@@ -58,7 +59,7 @@ int read_list(CDatabase& db, const tk_string& sql, int (*read_row)(const CStatem
 {
     CTransLevel level(db);
     if (const int failed = level.begin()) return failed;
-    const stmt_wrapper_t stmt(db.stmt(sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
     if (!stmt) return -1;
 
     // Records that are there already are filled again: their texts keep their memory.

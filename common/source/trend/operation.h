@@ -2,6 +2,7 @@
 
 #include "database.h"
 #include "report.h"
+#include "throwing.h"
 #include "transcheck.h"
 #include "translevel.h"
 #include "trend_api.h"
@@ -15,5 +16,7 @@
 //
 // around which a handler answers memory that runs out: guard and level have unwound by then. The
 // handler cannot see the function's own names, so the signature stands in front of the function.
+// Connection and statements have handlers of their own, which CThrowing goes without: it is the
+// operation that reports, once.
 // Texts of one piece stand at their operation, those assembled in a loop in sqltext.cpp, the
 // columns of a parameter in columns.cpp.

@@ -105,9 +105,9 @@ try {
     if (const int failed = read_all_params(*_db, device, all_params)) return failed;
     std::vector<CParamProperties> new_params = all_params;
 
-    stmt_wrapper_t stmt(_db->stmt(
-        sql_text("INSERT OR REPLACE INTO params_", device._index, " VALUES (?,?,?,?,?,?,?,?)"),
-        STMT_POOLED));
+    const tk_string sql =
+        sql_text("INSERT OR REPLACE INTO params_", device._index, " VALUES (?,?,?,?,?,?,?,?)");
+    stmt_wrapper_t stmt(CThrowing::stmt(*_db, sql, STMT_POOLED));
     if (!stmt) return -1;
 
     // A list that the loop below refuses anyway keeps the loop's own refusal.
@@ -177,8 +177,8 @@ try {
     std::vector<CParamProperties> all_params;
     if (const int failed = read_all_params(*_db, device, all_params)) return failed;
 
-    stmt_wrapper_t stmt(
-        _db->stmt(sql_text("DELETE FROM params_", device._index, " WHERE idx = ?"), STMT_FRESH));
+    stmt_wrapper_t stmt(CThrowing::stmt(
+        *_db, sql_text("DELETE FROM params_", device._index, " WHERE idx = ?"), STMT_FRESH));
     if (!stmt) return -1;
     for (const CParamProperties& param : param_copies) {
         if (param._index < 0) return refuse(fn, "invalid param id");
@@ -222,7 +222,8 @@ try {
 
     {
         const tk_string path = stored_text(param._path);  // bound until the reset
-        const stmt_wrapper_t stmt(_db->stmt(
+        const stmt_wrapper_t stmt(CThrowing::stmt(
+            *_db,
             sql_text("INSERT INTO params_", device._index,
                      " VALUES ((SELECT max(idx)+1 FROM params_", device._index, "),?,?,?,?,?,?,?)"),
             STMT_POOLED));

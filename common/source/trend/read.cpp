@@ -87,9 +87,9 @@ try {
         TREND_ASSERT(!periods.empty());
         return refuse(fn, "invalid param id");
     }
-    const stmt_wrapper_t stmt(_db->stmt(read_text(data._device._index, period_set, data._params,
-                                                  bounds, no_overlap, ascending, offset != 0),
-                                        STMT_FRESH));
+    const tk_string sql = read_text(data._device._index, period_set, data._params, bounds,
+                                    no_overlap, ascending, offset != 0);
+    const stmt_wrapper_t stmt(CThrowing::stmt(*_db, sql, STMT_FRESH));
     if (!stmt) return -1;
     if (const int failed =
             bind_read(*stmt, period_set, bounds, no_overlap, upper_bounds, limit, offset))

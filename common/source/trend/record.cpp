@@ -64,7 +64,7 @@ int insert_sample(CDatabase& db, const CDeviceParams& data, const CSnapshot& sna
                   const CPeriodProperties& period)
 {
     const tk_string sql = insert_sample_text(data._device._index, period._period, data._params);
-    const stmt_wrapper_t stmt(db.stmt(sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
     if (!stmt) {
         report("Can't prepare SQL (1): '%s'", sql.c_str());
         return -1;

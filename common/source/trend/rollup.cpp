@@ -19,11 +19,11 @@ struct stragglers_t {
 int count_stragglers(CDatabase& db, const CDeviceProperties& device, const CPeriodProperties& fine,
                      const CPeriodProperties& coarse, stragglers_t& stragglers)
 {
-    const stmt_wrapper_t stmt(
-        db.stmt(sql_text("SELECT count(time), min(time) FROM trends_", device._index, "_",
-                         fine._period, " WHERE time > coalesce((SELECT max(time) FROM trends_",
-                         device._index, "_", coarse._period, "),0)"),
-                STMT_POOLED));
+    const tk_string sql =
+        sql_text("SELECT count(time), min(time) FROM trends_", device._index, "_", fine._period,
+                 " WHERE time > coalesce((SELECT max(time) FROM trends_", device._index, "_",
+                 coarse._period, "),0)");
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
     if (!stmt) return -1;
     const int retval = stmt->step();
     TREND_ASSERT(retval!=0);
@@ -89,7 +89,7 @@ int roll_up_groups(CDatabase& db, const CDeviceProperties& device, const CPeriod
     }
 
     const tk_string sql = roll_up_text(device._index, fine._period, coarse._period, ratio, params);
-    const stmt_wrapper_t stmt(db.stmt(sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
     if (!stmt) {
         report("Can't prepare SQL (2): '%s'", sql.c_str());
         return -1;

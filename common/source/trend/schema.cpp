@@ -25,11 +25,11 @@ int CLog::init_basic_tables()
     const char* periods =
         "CREATE TABLE IF NOT EXISTS periods (period INTEGER PRIMARY KEY NOT NULL, max_entries "
         "INTEGER NOT NULL)";
-    if (const int failed = _db->exec(periods, STMT_FRESH, ROW_NONE)) return failed;
+    if (const int failed = CThrowing::exec(*_db, periods, STMT_FRESH, ROW_NONE)) return failed;
     const char* devices =
         "CREATE TABLE IF NOT EXISTS devices (idx INTEGER PRIMARY KEY NOT NULL, path TEXT UNIQUE "
         "NOT NULL, guid TEXT UNIQUE)";
-    if (const int failed = _db->exec(devices, STMT_FRESH, ROW_NONE)) return failed;
+    if (const int failed = CThrowing::exec(*_db, devices, STMT_FRESH, ROW_NONE)) return failed;
     if (const int failed = check_db_version()) return failed;
 
     return level.end();
@@ -56,7 +56,8 @@ int CLog::check_db_version()
     if (version < 2)
         if (const int failed = migrate_schema_1_to_2()) return failed;
     if (version != SCHEMA_VERSION)
-        if (const int failed = _db->exec("PRAGMA user_version = 2", STMT_FRESH, ROW_NONE))
+        if (const int failed =
+                CThrowing::exec(*_db, "PRAGMA user_version = 2", STMT_FRESH, ROW_NONE))
             return failed;
 
     return level.end();
@@ -74,7 +75,7 @@ int CLog::migrate_schema_0_to_1()
           "guid TEXT UNIQUE)",
           "INSERT INTO tmp_table SELECT idx, path, NULL FROM devices", "DROP TABLE devices",
           "ALTER TABLE tmp_table RENAME TO devices"})
-        if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+        if (const int failed = CThrowing::exec(*_db, sql, STMT_FRESH, ROW_NONE)) return failed;
 
     return level.end();
 }
@@ -91,7 +92,7 @@ int CLog::migrate_schema_1_to_2()
     for (const CDeviceProperties& device : devices) {
         const tk_string sql = sql_text("ALTER TABLE params_", device._index,
                                        " ADD COLUMN has_sum INTEGER NOT NULL DEFAULT 0");
-        if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+        if (const int failed = CThrowing::exec(*_db, sql, STMT_FRESH, ROW_NONE)) return failed;
     }
 
     return level.end();

@@ -14,7 +14,7 @@ int exec_change(CDatabase& db, const tk_string& sql)
 {
     CTransLevel level(db);
     if (const int failed = level.begin()) return failed;
-    if (const int failed = db.exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+    if (const int failed = CThrowing::exec(db, sql, STMT_FRESH, ROW_NONE)) return failed;
     return level.end();
 }
 
@@ -57,7 +57,7 @@ try {
             tk_string sql = sql_text("ALTER TABLE trends_", device._index, "_", periods[i]._period,
                                      " ADD COLUMN ");
             append_sql(sql, name, " REAL DEFAULT NULL");
-            if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+            if (const int failed = CThrowing::exec(*_db, sql, STMT_FRESH, ROW_NONE)) return failed;
         }
     }
 
@@ -88,7 +88,7 @@ try {
     }
     const tk_string sql = create_trend_table_text(device._index, period._period,
                                                   params.empty() ? stored_params : params, temp);
-    if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+    if (const int failed = CThrowing::exec(*_db, sql, STMT_FRESH, ROW_NONE)) return failed;
 
     return level.end();
 } catch (...) {
@@ -248,15 +248,15 @@ int CLog::recreate_trend_table(const CPeriodProperties& period, const CDevicePro
 
     // An empty list makes create_trend_table() read the stored one, which has to be empty too.
     if (params.empty())
-        if (const int failed =
-                _db->exec(sql_text("DELETE FROM params_", device._index), STMT_FRESH, ROW_NONE))
+        if (const int failed = CThrowing::exec(*_db, sql_text("DELETE FROM params_", device._index),
+                                               STMT_FRESH, ROW_NONE))
             return failed;
     if (const int failed = create_trend_table(period, device, params, true)) return failed;
     for (const tk_string& sql :
          {copy_rows_text(device._index, period._period, params, old_params),
           sql_text("DROP TABLE trends_", device._index, "_", period._period),
           sql_text("ALTER TABLE tmp_table RENAME TO trends_", device._index, "_", period._period)})
-        if (const int failed = _db->exec(sql, STMT_FRESH, ROW_NONE)) return failed;
+        if (const int failed = CThrowing::exec(*_db, sql, STMT_FRESH, ROW_NONE)) return failed;
 
     return level.end();
 }

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "sqlformat.h"
+#include "throwing.h"
 #include "translevel.h"
 
 namespace toolkit::trend {
@@ -12,7 +13,7 @@ int read_intval(CDatabase& db, const tk_string& sql, bool fresh, int64_t& out)
 {
     constexpr int64_t UNREAD = std::numeric_limits<int64_t>::min();
     int64_t ival = UNREAD;
-    if (const int failed = db.get_intval(sql, ival, fresh, NULL_OK)) return failed;
+    if (const int failed = CThrowing::get_intval(db, sql, ival, fresh, NULL_OK)) return failed;
     if (ival == UNREAD) return -1;
     out = ival;
     return 0;
