@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 
 #include "trend_api.h"
@@ -11,6 +12,7 @@ int record_on_grid(CLog& log, const CDeviceParams& device, const CSnapshot& snap
     std::vector<CPeriodProperties> periods;
     if (const int failed = log.get_periods(periods)) return failed;
     const time_t step = static_cast<time_t>(periods.front()._period * 60);
+    const time_t last_blank = snapshot._time - step;
     time_t latest = -1;
     if (const int failed = log.get_latest_timestamp(device._device, latest)) return failed;
 
@@ -25,9 +27,18 @@ int record_on_grid(CLog& log, const CDeviceParams& device, const CSnapshot& snap
             latest = blank._time;
         }
     }
-    if (latest != -1 && snapshot._time - latest > step)
-        if (const int failed = log.fill_blank_values(device._device, snapshot._time - step, false))
+    if (latest != -1 && latest < last_blank) {
+        // The coarse rows that the gap has cut short are completed first, the finest one first:
+        // a roll-up of them together with the blank rows of a long gap would trim their beginning.
+        for (size_t i = 1; i < periods.size(); ++i) {
+            const time_t end = CLog::next_interval_boundary(periods[i]._period, latest);
+            if (const int failed =
+                    log.fill_blank_values(device._device, std::min(end, last_blank), false))
+                return failed;
+        }
+        if (const int failed = log.fill_blank_values(device._device, last_blank, false))
             return failed;
+    }
     return log.add_trend_data(device, snapshot);
 }
 

@@ -119,7 +119,9 @@ struct CPeriodProperties {
     }
 
     unsigned long _period = 0;  // minutes, 1 to 2^32 - 1
-    size_t _max_entries = 0;    // intervals that its tables keep, 1 to 2^32 - 1; see guide.md
+    // How many intervals its tables keep, 1 to 2^32 - 1: at least as many as make one row of the
+    // next coarser period, or that row is made of what is left and gaps shift the later ones.
+    size_t _max_entries = 0;
 };
 
 // How a parameter's values are aggregated.
@@ -362,7 +364,9 @@ public:
 
     // Appends to each of the device's tables a blank row for every interval that is missing between
     // its newest row and `now` (seconds; -1 for the present). Of a gap longer than the table keeps,
-    // the first intervals, up to one coarse row, and the newest `_max_entries` get a row. Blank
+    // the first intervals, up to one coarse row, and the newest `_max_entries` get a row. Where the
+    // rows that wait for their coarse row and the first blank ones outnumber what is kept (and the
+    // ten spare ones), the roll-up loses the oldest: guide.md fills in steps that avoid it. Blank
     // rows have no values and 0 percent valid, or 1 with `mark_valid`. Empty tables and devices
     // without parameters get none. At least one period must be configured, which is an assertion.
     // Reports "Error: invalid device id" (also for an empty path), "Error: invalid fill time"
