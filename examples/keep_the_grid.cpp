@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "trend_api.h"
+#include "trend_transaction.h"
 
 using namespace toolkit::trend;
 
@@ -9,8 +9,11 @@ using namespace toolkit::trend;
 // starts and however long it is silent.
 int record_on_grid(CLog& log, const CDeviceParams& device, const CSnapshot& snapshot)
 {
+    CTransaction whole(log);
+    if (const int failed = whole.failed()) return failed;
     std::vector<CPeriodProperties> periods;
     if (const int failed = log.get_periods(periods)) return failed;
+    if (periods.empty()) return -1;  // none configured, or the read broke off
     const time_t step = static_cast<time_t>(periods.front()._period * 60);
     const time_t last_blank = snapshot._time - step;
     time_t latest = -1;
@@ -39,7 +42,8 @@ int record_on_grid(CLog& log, const CDeviceParams& device, const CSnapshot& snap
         if (const int failed = log.fill_blank_values(device._device, last_blank, false))
             return failed;
     }
-    return log.add_trend_data(device, snapshot);
+    if (const int failed = log.add_trend_data(device, snapshot)) return failed;
+    return whole.commit();
 }
 
 int main()

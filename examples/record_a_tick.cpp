@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "trend_api.h"
+#include "trend_transaction.h"
 
 using namespace toolkit::trend;
 
@@ -9,14 +9,11 @@ using namespace toolkit::trend;
 int record_tick(CLog& log, const std::vector<CDeviceParams>& devices,
                 const std::vector<CSnapshot>& snapshots)
 {
-    if (const int failed = log.begin_transaction()) return failed;
-    for (size_t i = 0; i < devices.size(); ++i) {
-        if (const int failed = log.add_trend_data(devices[i], snapshots[i])) {
-            log.rollback_transaction();  // a commit now would keep half of the tick
-            return failed;
-        }
-    }
-    return log.end_transaction();  // if it fails, it has undone the tick: no rollback after it
+    CTransaction tick(log);
+    if (const int failed = tick.failed()) return failed;
+    for (size_t i = 0; i < devices.size(); ++i)
+        if (const int failed = log.add_trend_data(devices[i], snapshots[i])) return failed;
+    return tick.commit();
 }
 
 int main()

@@ -12,7 +12,7 @@
 #include <cstdlib>
 
 #include "readings.h"
-#include "trend_api.h"
+#include "trend_transaction.h"
 
 using namespace toolkit::trend;
 
@@ -76,8 +76,9 @@ void record(CLog& log, const CDeviceParams& device, const std::vector<reading_t>
             time_t step)
 {
     // Every call is a transaction of its own and would wait for the disk; one around many calls
-    // waits once. If a call within fails, the whole is to be rolled back, or its first half stays.
-    check(log.begin_transaction());
+    // waits once.
+    CTransaction all(log);
+    check(all.failed());
     time_t latest = 0;
     check(log.get_latest_timestamp(device._device, latest));
     for (const reading_t& reading : readings) {
@@ -87,7 +88,7 @@ void record(CLog& log, const CDeviceParams& device, const std::vector<reading_t>
         check(log.add_trend_data(device, make_snapshot(reading)));
         latest = reading._time;
     }
-    check(log.end_transaction());
+    check(all.commit());
 }
 
 void print_row(const CSnapshot& row)

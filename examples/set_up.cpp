@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "trend_api.h"
+#include "trend_transaction.h"
 
 using namespace toolkit::trend;
 
@@ -15,12 +15,10 @@ CDeviceParams set_up(CLog& log, const tk_string& path, std::vector<CParamPropert
 
     if (device._device._index < 0) {
         device._device._path = path;
-        if (log.begin_transaction() != 0) std::exit(EXIT_FAILURE);
-        if (log.add_device(device._device) != 0 || log.add_params(device._device, params) != 0) {
-            log.rollback_transaction();
+        CTransaction whole(log);
+        if (whole.failed() || log.add_device(device._device) != 0 ||
+            log.add_params(device._device, params) != 0 || whole.commit() != 0)
             std::exit(EXIT_FAILURE);
-        }
-        if (log.end_transaction() != 0) std::exit(EXIT_FAILURE);
     }
     if (log.get_params(device._device, device._params) != 0) std::exit(EXIT_FAILURE);
     return device;
@@ -35,13 +33,10 @@ int main()
     std::vector<CPeriodProperties> periods;
     if (log.get_periods(periods) != 0) return EXIT_FAILURE;
     if (periods.empty()) {
-        if (log.begin_transaction() != 0) return EXIT_FAILURE;
-        if (log.add_period({1, 2880}) != 0 || log.add_period({15, 2976}) != 0 ||
-            log.add_period({1440, 3650}) != 0) {
-            log.rollback_transaction();
+        CTransaction all(log);
+        if (all.failed() || log.add_period({1, 2880}) != 0 || log.add_period({15, 2976}) != 0 ||
+            log.add_period({1440, 3650}) != 0 || all.commit() != 0)
             return EXIT_FAILURE;
-        }
-        if (log.end_transaction() != 0) return EXIT_FAILURE;
     }
 
     CParamProperties power;

@@ -9,21 +9,18 @@
 #include <utility>
 #include <vector>
 
-#include "trend_api.h"
+#include "trend_transaction.h"
 
 using namespace toolkit::trend;
 
 // Stores all rows or none.
 inline int record_together(CLog& log, const std::vector<std::pair<CDeviceParams, CSnapshot>>& rows)
 {
-    if (const int failed = log.begin_transaction()) return failed;
-    for (const auto& [device, snapshot] : rows) {
-        if (const int failed = log.add_trend_data(device, snapshot)) {
-            log.rollback_transaction();  // a commit would keep half of the failed call
-            return failed;
-        }
-    }
-    return log.end_transaction();  // if it fails, the transaction has ended already
+    CTransaction all(log);
+    if (const int failed = all.failed()) return failed;
+    for (const auto& [device, snapshot] : rows)
+        if (const int failed = log.add_trend_data(device, snapshot)) return failed;
+    return all.commit();
 }
 
 // Stores one row although other processes write the same file.
@@ -40,17 +37,16 @@ inline int record_among_others(CLog& log, const CDeviceParams& device, const CSn
 // Adds the periods that the log does not have yet, although another process may be doing so too.
 inline int add_missing_periods(CLog& log, const std::vector<CPeriodProperties>& wanted)
 {
-    if (const int failed = log.begin_transaction()) return failed;
+    CTransaction all(log);
+    if (const int failed = all.failed()) return failed;
     std::vector<CPeriodProperties> stored;
-    int failed = log.get_periods(stored);
+    if (const int failed = log.get_periods(stored)) return failed;
     for (const CPeriodProperties& period : wanted) {
         const auto is_same = [&](const auto& other) { return other._period == period._period; };
-        if (failed == 0 && std::none_of(stored.begin(), stored.end(), is_same))
-            failed = log.add_period(period);
+        if (std::none_of(stored.begin(), stored.end(), is_same))
+            if (const int failed = log.add_period(period)) return failed;
     }
-    if (failed == 0) return log.end_transaction();
-    log.rollback_transaction();
-    return failed;
+    return all.commit();
 }
 
 // After a start, however the last run ended: fills the gap since the newest row with blank rows and

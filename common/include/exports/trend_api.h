@@ -31,6 +31,7 @@ using ::tk_string;
 
 class CDatabase;
 class CStatement;
+class CTransaction;
 
 // Records --------------------------------------------------------------------------------------
 
@@ -223,7 +224,8 @@ public:
 
     // Transactions ------------------------------------------------------------------------------
 
-    // Open, commit and roll back a level around several calls; the log must be open. Only the
+    // Open, commit and roll back a level around several calls; the log must be open. A host does
+    // better with CTransaction, in trend_transaction.h, which forgets no rollback. Only the
     // outermost level talks to SQLite: an inner rollback gives up nothing by itself, its work is
     // committed or rolled back with the outermost level. A failed outermost end_transaction() has
     // ended the transaction, do not roll it back: its work is undone or, if the last step of the
@@ -439,6 +441,8 @@ public:
                           bool keep_spare);
 
 private:
+    friend class CTransaction;  // sees whether the connection is still the one that it began on
+
     int init_basic_tables();
     int check_db_version();
     int migrate_schema_0_to_1();
