@@ -12,9 +12,12 @@
 #include "rows.h"
 #include "trend_api.h"
 
-// The example itself, so that it is what is tried here.
+// The examples themselves, so that they are what is tried here.
 #define main keep_the_grid_main
 #include "../examples/keep_the_grid.cpp"
+#undef main
+#define main add_a_period_main
+#include "../examples/add_a_period.cpp"
 #undef main
 
 // SQLite waits for no disk here: what a power cut may take is tested elsewhere.
@@ -46,6 +49,8 @@ struct history_t {
     std::vector<CPeriodProperties> _periods;
     time_t _start = 0;
     std::vector<unsigned long> _runs;  // so many rows, so many missing ones, rows, missing ones ...
+    size_t _late = 0;                  // which of the periods is added later, 0 for none,
+    size_t _late_at = 0;               // before which run of rows
 };
 
 // `kept` says how many rows a period keeps of which `ratio` make one of the next.
@@ -77,8 +82,13 @@ history_t random_history(unsigned int seed, Kept kept)
 
 constexpr const char* LOG = "grid.db";
 
+// How a period is added. A failure means that it is too early.
+using add_t = int (*)(CLog&, const CPeriodProperties&);
+
+int add_plainly(CLog& log, const CPeriodProperties& period) { return log.add_period(period); }
+
 // Records the history, with the log opened anew at each gap. Whether all went well.
-bool replay(const history_t& history, recipe_t record)
+bool replay(const history_t& history, recipe_t record, add_t add = add_plainly)
 {
     for (const char* tail : {"", "-wal", "-shm"})
         std::remove((std::string(LOG) + tail).c_str());
@@ -94,6 +104,7 @@ bool replay(const history_t& history, recipe_t record)
     snapshot._percent_valid = 100.0;
     snapshot._samples.resize(1);
     snapshot._samples[0]._avg = 1.0;
+    bool awaited = history._late != 0;
     for (size_t i = 0; i < history._runs.size(); ++i) {
         if (i % 2 == 1) {
             snapshot._time += static_cast<time_t>(history._runs[i]) * step;
@@ -103,13 +114,20 @@ bool replay(const history_t& history, recipe_t record)
         if (log.open(LOG, false, true, 100, false, 0, 0, 0, true) != 0) return false;
         if (log.begin_transaction() != 0) return false;
         if (i == 0) {
-            for (const CPeriodProperties& period : history._periods)
-                if (log.add_period(period) != 0) return false;
+            for (size_t k = 0; k < history._periods.size(); ++k)
+                if (history._late == 0 || k != history._late)
+                    if (log.add_period(history._periods[k]) != 0) return false;
             if (log.add_device(device._device) != 0) return false;
             if (log.add_params(device._device, device._params) != 0) return false;
         }
-        for (unsigned long row = 0; row < history._runs[i]; ++row, snapshot._time += step)
+        for (unsigned long row = 0; row < history._runs[i]; ++row, snapshot._time += step) {
+            if (awaited && i >= history._late_at) {
+                if (log.end_transaction() != 0) return false;
+                awaited = add(log, history._periods[history._late]) != 0;
+                if (log.begin_transaction() != 0) return false;
+            }
             if (record(log, device, snapshot) != 0) return false;
+        }
         if (log.end_transaction() != 0) return false;
     }
     return true;
@@ -121,12 +139,18 @@ struct count_t {
     size_t _off = 0;
 };
 
+bool has_table(const std::string& name)
+{
+    return rows(LOG, "SELECT count(*) FROM sqlite_master WHERE name = '" + name + "'") == "1";
+}
+
 count_t count_rows(const history_t& history)
 {
     count_t count;
     for (size_t i = 1; i < history._periods.size(); ++i) {
         const unsigned long minutes = history._periods[i]._period;
         const std::string table = "trends_1_" + std::to_string(minutes);
+        if (!has_table(table)) continue;
         const std::string times = rows(LOG, "SELECT group_concat(time, ' ') FROM " + table);
         for (size_t at = 0; at < times.size() && times != "NULL";) {
             size_t length = 0;
@@ -148,6 +172,9 @@ std::string text(unsigned int seed, const history_t& history)
     result += ", first row at " + std::to_string(history._start) + ", rows and gaps";
     for (const unsigned long run : history._runs)
         result += " " + std::to_string(run);
+    if (history._late != 0)
+        result += ", period " + std::to_string(history._late) + " added before run " +
+                  std::to_string(history._late_at);
     return result;
 }
 
@@ -201,4 +228,51 @@ TEST(record_on_grid, would_leave_the_grid_with_a_single_fill_below_two_groups)
     };
     EXPECT_GT(count_strays(record_after_one_fill, below_two_groups), 5U);
     EXPECT_EQ(count_strays(record_on_grid, below_two_groups), 0U);
+}
+
+// A period added later
+// ------------------------------------------------------------------------------
+
+namespace {
+
+// A history in which one period, not the finest, comes later: in between or as the coarsest. The
+// one below keeps enough for the next one at either time.
+history_t history_with_late_period(unsigned int seed)
+{
+    history_t history =
+        random_history(seed, [](std::mt19937&, unsigned long ratio) { return ratio; });
+    std::mt19937 random(seed);
+    std::vector<CPeriodProperties>& periods = history._periods;
+    history._late = 1 + random() % (periods.size() - 1);
+    if (history._late + 1 < periods.size())
+        periods[history._late - 1]._max_entries =
+            periods[history._late + 1]._period / periods[history._late - 1]._period;
+    history._runs.insert(history._runs.end(), {100 + random() % 100, 1 + random() % 50, 300, 1});
+    history._late_at = 2 * (1 + random() % (history._runs.size() / 2 - 1));
+    return history;
+}
+
+}  // namespace
+
+TEST(add_period_on_grid, keeps_all_coarse_rows_on_their_boundaries)
+{
+    size_t added = 0;
+    for (unsigned int seed = 1; seed <= 150; ++seed) {
+        const history_t history = history_with_late_period(seed);
+        ASSERT_TRUE(replay(history, record_on_grid, add_period_on_grid)) << text(seed, history);
+        ASSERT_EQ(0U, count_rows(history)._off) << text(seed, history);
+        added += has_table("trends_1_" + std::to_string(history._periods[history._late]._period));
+    }
+    EXPECT_GT(added, 100U);  // the others end before a boundary of the new period
+}
+
+TEST(add_period_on_grid, does_what_adding_alone_does_not)
+{
+    size_t strays = 0;
+    for (unsigned int seed = 1; seed <= 150; ++seed) {
+        const history_t history = history_with_late_period(seed);
+        ASSERT_TRUE(replay(history, record_on_grid, add_plainly)) << text(seed, history);
+        strays += count_rows(history)._off != 0;
+    }
+    EXPECT_GT(strays, 50U);
 }

@@ -7,6 +7,10 @@
 #include "faults.h"
 #include "log_fixture.h"
 
+#define main keep_the_grid_main
+#include "../examples/keep_the_grid.cpp"
+#undef main
+
 using namespace toolkit::trend;
 
 namespace {
@@ -93,6 +97,138 @@ TEST_F(guide, a_row_from_the_future_makes_all_true_ones_late)
     ASSERT_EQ(1, _log.clear_trend_data(pump._device, {101 * MINUTE, -1}));
     record_minutes(pump, 101, 101);
     EXPECT_EQ("15\n30\n45\n60\n75\n90", quarters());
+}
+
+// As a clock that is a year ahead for one reading: 1,454 true minutes, then 46 more.
+class guide_after_a_year_ahead : public log_fixture {
+protected:
+    void SetUp() override
+    {
+        log_fixture::SetUp();
+        add_periods({{1, 1440}, {15, 1000}, {60, 1000}});
+        _pump = add_device("pump", {param("power", "avg")});
+        ASSERT_EQ(0, _log.begin_transaction());
+        record_minutes(1, 1450);
+        record(_pump, (1450 + 365 * 1440) * MINUTE, {1.0});
+        record_minutes(1451, 1500);
+        ASSERT_EQ(0, _log.end_transaction());
+    }
+
+    void record_minutes(time_t first, time_t last)
+    {
+        CSnapshot snapshot;
+        snapshot._percent_valid = 100.0;
+        snapshot._samples.resize(1);
+        for (time_t minute = first; minute <= last; ++minute) {
+            snapshot._time = minute * MINUTE;
+            ASSERT_EQ(0, record_on_grid(_log, _pump, snapshot));
+        }
+    }
+
+    std::string late(const std::string& period)
+    {
+        return rows("SELECT time / 60 FROM trends_1_" + period +
+                    " WHERE time > 1380 * 60 ORDER BY time");
+    }
+
+    CDeviceParams _pump;
+};
+
+TEST_F(guide_after_a_year_ahead, the_trim_has_deleted_the_true_rows)
+{
+    // At the 1,454th minute a quarter is full, and the newest time counts. The rest is late.
+    EXPECT_EQ("47|1455", rows("SELECT count(*), min(time) / 60 FROM trends_1_1"));
+    EXPECT_EQ("1395\n1410\n1425\n1440\n527050", late("15"));
+}
+
+TEST_F(guide_after_a_year_ahead, clearing_what_is_ahead_leaves_the_coarse_rows_off_the_grid)
+{
+    ASSERT_EQ(1, _log.clear_trend_data(_pump._device, {1501 * MINUTE, -1}));
+    record_minutes(1501, 1560);
+    EXPECT_EQ("1395\n1410\n1425\n1440\n1469\n1484\n1499\n1514\n1529\n1544\n1559", late("15"));
+    EXPECT_EQ("1440\n1514", late("60"));
+}
+
+TEST_F(guide_after_a_year_ahead, clearing_from_the_boundary_before_it_brings_the_grid_back)
+{
+    // 1440 is the last end of an hour, the coarsest period, before the accident. The minutes begin
+    // anew after 1500, and the quarters that are missing are filled from those that are there.
+    ASSERT_EQ(0, _log.clear_trend_data(_pump._device, {1440 * MINUTE + 1, -1}));
+    record_minutes(1507, 1570);
+    EXPECT_EQ("1395\n1410\n1425\n1440\n1455\n1470\n1485\n1500\n1515\n1530\n1545\n1560", late("15"));
+    EXPECT_EQ("1440\n1500\n1560", late("60"));
+}
+
+TEST_F(guide, a_row_from_the_future_does_no_harm_when_it_is_cleared_before_a_coarse_row_is_made)
+{
+    const CDeviceParams pump = add_pump();
+    record_minutes(pump, 1, 20);
+    record(pump, 500000 * MINUTE, {1.0});
+    record_minutes(pump, 21, 25);
+    ASSERT_EQ(1, _log.clear_trend_data(pump._device, {26 * MINUTE, -1}));
+    record_minutes(pump, 26, 31);
+    EXPECT_EQ("15\n30", quarters());
+    EXPECT_EQ("31", rows("SELECT count(*) FROM trends_1_1"));
+}
+
+TEST_F(guide, a_period_added_between_two_others_shifts_the_coarser_one)
+{
+    ASSERT_EQ(0, _log.modify_period(CPeriodProperties(1, 60)));
+    add_period(60, 100);
+    ASSERT_EQ(0, _log.remove_period(CPeriodProperties(15, 1000)));
+    const CDeviceParams pump = add_pump();
+    record_minutes(pump, 1, 125);  // the minutes from 51 on are left
+    add_period(15, 100);
+    record_minutes(pump, 126, 240);
+    // Of the 76 minutes 57 to 126 are left after the trim: four quarters and one of ten minutes.
+    EXPECT_EQ("71\n86\n101\n116\n126\n141\n156\n171\n186\n201\n216\n231", quarters());
+    EXPECT_EQ("60\n120\n171\n231", rows("SELECT time / 60 FROM trends_1_60 ORDER BY time"));
+}
+
+TEST_F(guide, without_percent_valid_a_coarse_average_is_absent)
+{
+    const CDeviceParams pump = add_device("pump", {param("power", "min max avg actual sum")});
+    for (int minute = 1; minute <= 15; ++minute) {
+        CSnapshot snapshot;  // its _percent_valid as it is
+        snapshot._time = minute * MINUTE;
+        snapshot._samples.resize(1);
+        CSample& power = snapshot._samples[0];
+        power._min = power._max = power._avg = power._actual = power._sum = 1.0;
+        ASSERT_EQ(0, _log.add_trend_data(pump, snapshot));
+    }
+    EXPECT_EQ("0.0|1.0|1.0|NULL|1.0|15.0",
+              rows("SELECT percent_valid, param_1_min, param_1_max, param_1_avg, param_1_actual, "
+                   "param_1_sum FROM trends_1_15"));
+}
+
+TEST_F(guide, opening_with_create_makes_tables_in_any_file_of_version_0)
+{
+    const char* const tables =
+        "SELECT group_concat(name) FROM (SELECT name FROM sqlite_master "
+        "WHERE type = 'table' ORDER BY name)";
+    run_sql("orders.db",
+            "CREATE TABLE orders(id INTEGER PRIMARY KEY); INSERT INTO orders VALUES(7)");
+    CLog log;
+    open_args args;
+    args._create = false;
+    ASSERT_EQ(0, open_log(log, "orders.db", args));
+    log.close();
+    EXPECT_EQ("orders|0",
+              ::rows("orders.db", tables) + "|" + ::rows("orders.db", "PRAGMA user_version"));
+
+    ASSERT_EQ(0, open_log(log, "orders.db"));
+    log.close();
+    EXPECT_EQ("devices,orders,periods|2",
+              ::rows("orders.db", tables) + "|" + ::rows("orders.db", "PRAGMA user_version"));
+    EXPECT_EQ("7", ::rows("orders.db", "SELECT id FROM orders"));
+}
+
+TEST_F(guide, opening_with_create_leaves_a_file_of_an_unknown_version_alone)
+{
+    run_sql("orders.db", "CREATE TABLE orders(id INTEGER PRIMARY KEY); PRAGMA user_version = 3");
+    CLog log;
+    EXPECT_REPORTS(open_log(log, "orders.db"), 1, "Unrecognized table schema version: 3\n");
+    EXPECT_EQ("orders", ::rows("orders.db", "SELECT group_concat(name) FROM sqlite_master"));
 }
 
 TEST_F(guide, a_stitched_read_drops_a_coarse_row_that_ends_after_the_first_fine_row)

@@ -88,15 +88,20 @@ struct CSample {
     COptVal _min;
     COptVal _max;
     COptVal _avg;
-    COptVal _actual;  // the value at the end of the interval
+    // The value at the end of the interval, as recorded. In a coarser row it is that of one finer
+    // row: of the latest, or, when an ordinary parameter of the device keeps min or max, of the one
+    // with the last such extreme, for all parameters of the device. See file-format.md.
+    COptVal _actual;
     COptVal _sum;
 };
 
 // One row of trend data.
 struct CSnapshot {
-    unsigned long _period = 0;      // minutes; the table that a read row came from, else unused
-    time_t _time = 0;               // seconds since the Unix epoch, the end of the interval
-    double _percent_valid = 0.0;    // 0 to 100, the share of the interval that had data; finite
+    unsigned long _period = 0;  // minutes; the table that a read row came from, else unused
+    time_t _time = 0;           // seconds since the Unix epoch, the end of the interval
+    // 0 to 100, the share of the interval that had data; finite. It is the row's weight in coarser
+    // averages: left at 0 it makes them absent.
+    double _percent_valid = 0.0;
     std::vector<CSample> _samples;  // one per parameter of the list that goes with the row
 };
 
@@ -196,8 +201,9 @@ public:
     // Opens the log in file `name`, letting go of the file open before.
     //   read_only      no write will be possible; the file must exist.
     //   create         makes the file if there is none, creates missing tables and brings an older
-    //                  schema up to date. Without it, or with read_only, the file is taken as it
-    //                  is: nothing is created, checked or migrated.
+    //                  schema up to date: in any SQLite file whose user_version is 0 to 2, whoever
+    //                  it belongs to. Without it, or with read_only, the file is taken as it is:
+    //                  nothing is created, checked or migrated.
     //   pool_capacity  how many prepared statements are kept, 1 or more. 5 per device and period
     //                  and 4 more serve recording without preparing anything twice; with several
     //                  periods 3 per device and 3 more serve all snapshots but those that complete
@@ -279,8 +285,9 @@ public:
     // "Error: invalid max_entries" for a number of rows of 0 or beyond 32 bits.
 
     // Stores a new period and creates its table for every device. A period that exists is refused
-    // by the file, -1. A new coarser period fills from the rows of the next finer one that are
-    // still there.
+    // by the file, -1. The new period fills from the rows of the next finer one that are still
+    // there, counted from the oldest: this may shift its rows and all coarser ones off their
+    // boundaries. guide.md shows how to add one that does not.
     int add_period(const CPeriodProperties& period);
 
     // Changes how many rows the period keeps and deletes what is beyond in every device's table.
