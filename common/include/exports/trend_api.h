@@ -204,10 +204,10 @@ public:
     //                  schema up to date: in any SQLite file whose user_version is 0 to 2, whoever
     //                  it belongs to. Without it, or with read_only, the file is taken as it is:
     //                  nothing is created, checked or migrated.
-    //   pool_capacity  how many prepared statements are kept, 1 or more. 5 per device and period
-    //                  and 4 more serve recording without preparing anything twice; with several
-    //                  periods 3 per device and 3 more serve all snapshots but those that complete
-    //                  a coarse row and the next ones.
+    //   pool_capacity  how many prepared statements are kept, 1 or more. 5 * devices * periods + 4
+    //                  serve recording without preparing anything twice. Where memory is short,
+    //                  3 * devices + 3 serve all snapshots but those that complete a coarse row
+    //                  and the next ones.
     //   temp_in_memory keeps SQLite's temporary storage in memory. The journal mode is then left
     //                  as the file has it, whatever `wal` says.
     //   page_size      of a new file, in bytes, a power of two from 512 to 65536; 0 means 4096.
