@@ -1,0 +1,26 @@
+# What ctest says, without the tests that have passed: of those, on a terminal, the number so far
+# (terminal=yes).
+
+function counter(text)
+{
+    if (terminal) printf "\r\033[K%s", text
+}
+
+/^ +Start +[0-9]+: / { next }
+
+# Also where several end at once, with the number of the last one.
+/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: .* Passed +[0-9.]+ sec$/ {
+    counter($1)
+    fflush()
+    next
+}
+
+/^(Test project|Internal ctest changing|$)/ && !closing { next }
+
+/^[0-9]+% tests passed/ { closing = 1 }
+
+{
+    counter("")
+    print
+    fflush()
+}
