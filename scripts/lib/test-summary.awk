@@ -15,6 +15,10 @@ function counter(text)
     next
 }
 
+# Where a preset shows all that its tests print: what only says that they run.
+/^test [0-9]+$/ || /^[0-9]+: (Test (command|timeout)|Working Directory|Environment variables)/ { next }
+/^[0-9]+: ?($|Running main|Note: Google Test|\[( RUN|      OK|  PASSED|---|===))/ { next }
+
 /^(Test project|Internal ctest changing|$)/ && !closing { next }
 
 /^[0-9]+% tests passed/ { closing = 1 }
