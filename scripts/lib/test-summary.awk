@@ -16,12 +16,13 @@ function counter(text)
 }
 
 # Where a preset shows all that its tests print: what only says that they run.
+/^(UpdateCTestConfiguration|Constructing a list|Done constructing|Updating test list)/ { next }
+/^(Added [0-9]+ tests to meet|Checking test dependency|The following tests passed:$)/ { next }
 /^test [0-9]+$/ || /^[0-9]+: (Test (command|timeout)|Working Directory|Environment variables)/ { next }
 /^[0-9]+: ?($|Running main|Note: Google Test|\[( RUN|      OK|  PASSED|---|===))/ { next }
+/^\t[^ ]+$/ { next }
 
-/^(Test project|Internal ctest changing|$)/ && !closing { next }
-
-/^[0-9]+% tests passed/ { closing = 1 }
+/^(Test project|Internal ctest changing)/ || (NR == 2 && /^$/) { next }
 
 {
     counter("")
