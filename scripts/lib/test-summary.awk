@@ -8,7 +8,6 @@ function counter(text)
 
 /^ +Start +[0-9]+: / { next }
 
-# Also where several end at once, with the number of the last one.
 /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: .* Passed +[0-9.]+ sec$/ {
     counter($1)
     fflush()
@@ -17,10 +16,10 @@ function counter(text)
 
 # Where a preset shows all that its tests print: what only says that they run.
 /^(UpdateCTestConfiguration|Constructing a list|Done constructing|Updating test list)/ { next }
-/^(Added [0-9]+ tests to meet|Checking test dependency|The following tests passed:$)/ { next }
+/^(Added [0-9]+ tests to meet|Checking test dependency)/ { next }
 /^test [0-9]+$/ || /^[0-9]+: (Test (command|timeout)|Working Directory|Environment variables)/ { next }
 /^[0-9]+: ?($|Running main|Note: Google Test|\[( RUN|      OK|  PASSED|---|===))/ { next }
-/^\t[^ ]+$/ { next }
+/^The following tests passed:$/, /^$/ { next }
 
 /^(Test project|Internal ctest changing)/ || (NR == 2 && /^$/) { next }
 
