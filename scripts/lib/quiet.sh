@@ -7,8 +7,8 @@ quietly() {
     shift 2
     if [ -t 1 ]; then
         printf '%s ...' "$what"
-        "$@" </dev/null 2>&1 | tee "$log" |
-            sed -un "s/^\(\[[0-9]*\/[0-9]*\]\).*/\r$what \1 .../p" | tr -d '\n' || code=$?
+        "$@" </dev/null 2>&1 | tee "$log" | awk -v what="$what" '
+            /^\[[0-9]+\/[0-9]+\]/ { printf "\r%s %s ...", what, $1; fflush() }' || code=$?
         printf '\r\033[K'
     else
         "$@" </dev/null >"$log" 2>&1 || code=$?
