@@ -58,7 +58,6 @@ inline std::string level_name(unsigned long period)
 // The first parameter of the newest rows: a column each, the axis, and some of their times.
 inline void print_chart(std::vector<toolkit::trend::CSnapshot> rows)
 {
-    if (rows.empty()) return;
     const size_t all = rows.size(), shown = std::min(all, CHART_COLUMNS);
     rows.erase(rows.begin(), rows.end() - static_cast<std::ptrdiff_t>(shown));
 
@@ -68,10 +67,14 @@ inline void print_chart(std::vector<toolkit::trend::CSnapshot> rows)
         least = std::min(least, *row._samples[0]._min);
         high = std::max(high, *row._samples[0]._max);
     }
+    if (least > high) return;  // there is no value
+
     if (least < 0 || least > high / 2) low = least;  // a voltage: what it varies by
     const double step = (high - low) / CHART_LINES;
 
-    std::printf("\n%8s, %zu of %zu\n", (level_name(rows.front()._period) + "s").c_str(), shown,
+    const unsigned long period = rows.front()._period;
+    const std::string name = level_name(period);
+    std::printf("\n%8s, %zu of %zu\n", (name + (name.back() == 'n' ? "" : "s")).c_str(), shown,
                 all);
     for (int line = CHART_LINES; line > 0; --line) {
         const double middle = low + (line - 0.5) * step;
@@ -93,8 +96,7 @@ inline void print_chart(std::vector<toolkit::trend::CSnapshot> rows)
         axis += valid <= 0 ? '.' : valid < 100 ? '~' : '-';
         if (i % 18 != 0 || i + 18 > std::max<size_t>(rows.size(), 18)) continue;
         times.resize(i, ' ');
-        times +=
-            "^" + time_text(rows[i]._time, rows[i]._period < 1440 ? "%m-%d %H:%M" : "%Y-%m-%d");
+        times += "^" + time_text(rows[i]._time, period < 1440 ? "%m-%d %H:%M" : "%Y-%m-%d");
     }
     std::printf("%8.2f %s\n%8s %s\n", low, axis.c_str(), "", times.c_str());
 }

@@ -127,8 +127,8 @@ timebounds_t make_gap(readings_t& readings)
 void demonstrate(readings_t& readings)
 {
     const std::string file = readings._device + ".db";
-    std::printf("== %s: %zu readings of %zu quantities, %lu min each\n\n", readings._device.c_str(),
-                readings._rows.size(), readings._quantities.size(), readings._minutes);
+    std::printf("== %s: %zu readings, %lu min each; quantities: %zu\n\n", readings._device.c_str(),
+                readings._rows.size(), readings._minutes, readings._quantities.size());
     const timebounds_t gap = make_gap(readings);
     const std::vector<CPeriodProperties> levels = choose_levels(readings);
 

@@ -113,7 +113,7 @@ inline void print_power_factor(CLog& log, const CDeviceParams& device,
     if (found == readings._quantities.end()) return;
     const size_t column = static_cast<size_t>(found - readings._quantities.begin());
 
-    double best = 0, sum = 0;
+    double best = 0.5, sum = 0;
     CSnapshot shown;
     std::vector<double> factors;
     for (const CSnapshot& row : read(log, device, {level})) {
@@ -127,7 +127,7 @@ inline void print_power_factor(CLog& log, const CDeviceParams& device,
             const double factor = reading._values[column];
             group.push_back(factor);
             total += factor;
-            weakest = std::min(weakest, std::fabs(factor));
+            weakest = std::isnan(factor) ? 0 : std::min(weakest, std::fabs(factor));
             (factor < 0 ? leading : lagging) = true;
         }
         if (!lagging || !leading || weakest <= best) continue;

@@ -6,7 +6,6 @@
 #include <ctime>
 #include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,10 +23,13 @@ struct readings_t {
 
 inline std::vector<std::string> split(const std::string& line)
 {
-    std::vector<std::string> fields;
-    std::istringstream stream(line.substr(0, line.find('\r')));
-    for (std::string field; std::getline(stream, field, ',');)
-        fields.push_back(field);
+    std::vector<std::string> fields(1);
+    for (const char c : line) {
+        if (c == ',')
+            fields.emplace_back();
+        else if (c != '\r')
+            fields.back() += c;
+    }
     return fields;
 }
 
