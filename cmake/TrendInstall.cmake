@@ -33,8 +33,8 @@ install(FILES
 
 # pkg-config trend
 function(trend_relative_to_prefix result dir)
-  cmake_path(ABSOLUTE_PATH dir BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
-  cmake_path(RELATIVE_PATH dir BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+  get_filename_component(dir "${dir}" ABSOLUTE BASE_DIR "${CMAKE_INSTALL_PREFIX}")
+  file(RELATIVE_PATH dir "${CMAKE_INSTALL_PREFIX}" "${dir}")
   set(${result} "${dir}" PARENT_SCOPE)
 endfunction()
 

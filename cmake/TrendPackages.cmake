@@ -67,7 +67,10 @@ file(WRITE ${doc}/changelog.Debian
 ")
 find_program(TREND_GZIP gzip REQUIRED)
 execute_process(COMMAND ${TREND_GZIP} --best --no-name --force ${doc}/changelog.Debian
-                COMMAND_ERROR_IS_FATAL ANY)
+                RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "${TREND_GZIP} failed: ${failed}")
+endif()
 file(READ ${PROJECT_SOURCE_DIR}/LICENSE license)
 file(WRITE ${doc}/copyright "libtrend, ${PROJECT_DESCRIPTION}\n\n${license}")
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)

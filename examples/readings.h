@@ -1,16 +1,12 @@
 #pragma once
 
-// Where the readings of record_and_read.cpp come from: a CSV file, or the machine it runs on.
+// The readings that demo.cpp records, from a CSV file.
 
-#include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 struct reading_t {
@@ -27,10 +23,13 @@ struct readings_t {
 
 inline std::vector<std::string> split(const std::string& line)
 {
-    std::vector<std::string> fields;
-    std::istringstream stream(line.substr(0, line.find('\r')));
-    for (std::string field; std::getline(stream, field, ',');)
-        fields.push_back(field);
+    std::vector<std::string> fields(1);
+    for (const char c : line) {
+        if (c == ',')
+            fields.emplace_back();
+        else if (c != '\r')
+            fields.back() += c;
+    }
     return fields;
 }
 
@@ -66,43 +65,5 @@ inline readings_t readings_from_csv(const std::string& file)
     readings._minutes = static_cast<unsigned long>(step / 60);
     const size_t name = file.find_last_of('/') + 1;
     readings._device = file.substr(name, file.find_last_of('.') - name);
-    return readings;
-}
-
-// The first number after `label` in one of the kernel's files, NaN when there is none.
-inline double number_in(const char* file, const std::string& label)
-{
-    std::ifstream stream(file);
-    const std::string text{std::istreambuf_iterator<char>(stream), {}};
-    const size_t found = text.find(label);
-    if (text.empty() || found == std::string::npos) return std::numeric_limits<double>::quiet_NaN();
-    return std::strtod(text.c_str() + found + label.size(), nullptr);
-}
-
-// The share of the processor's busy time that went into programs rather than the kernel.
-inline double program_share()
-{
-    double user = 0, nice = 0, system = 0;
-    std::string cpu;
-    std::ifstream("/proc/stat") >> cpu >> user >> nice >> system;
-    return (user + nice) / (user + nice + system);
-}
-
-// `count` readings in quick succession. Each stands for one minute, the last for the present one.
-inline readings_t readings_from_machine(size_t count)
-{
-    readings_t readings;
-    readings._device = "this machine";
-    readings._quantities = {"load", "free_memory_mib", "temperature_c", "power_factor"};
-    const time_t now = std::time(nullptr) / 60 * 60;
-    for (size_t i = 0; i < count; ++i) {
-        reading_t reading;
-        reading._time = now - static_cast<time_t>(60 * (count - 1 - i));
-        reading._values = {
-            number_in("/proc/loadavg", ""), number_in("/proc/meminfo", "MemAvailable:") / 1024,
-            number_in("/sys/class/thermal/thermal_zone0/temp", "") / 1000, program_share()};
-        readings._rows.push_back(reading);
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
     return readings;
 }

@@ -21,7 +21,7 @@ class late_times : public log_fixture {
 protected:
     void SetUp() override
     {
-        if (!WIDE) GTEST_SKIP() << "time_t has 32 bits";
+        if (!WIDE) GTEST_SKIP() << "time_t has 32 bits here: run this test on a 64-bit target";
         log_fixture::SetUp();
         add_periods({{1, 100}, {5, 100}});
         _device = add_device("pump", {param("u", "avg")});

@@ -187,7 +187,8 @@ TEST_F(clear_trend_data, text_names_device_and_period)
 
 TEST_F(clear_trend_data, times_beyond_32_bits_are_written_whole)
 {
-    if (sizeof(time_t) < 8) GTEST_SKIP() << "time_t has 32 bits here";
+    if (sizeof(time_t) < 8)
+        GTEST_SKIP() << "time_t has 32 bits here: run this test on a 64-bit target";
     statement_trace trace;
     EXPECT_EQ(
         clear(static_cast<time_t>(int64_t{5000000000}), static_cast<time_t>(int64_t{6000000000})),

@@ -74,7 +74,8 @@ TEST_F(log_add_period, refuses_a_period_without_rows)
 
 TEST_F(log_add_period, refuses_a_length_beyond_32_bits)
 {
-    if (!WIDE_LONG) GTEST_SKIP() << "unsigned long has 32 bits";
+    if (!WIDE_LONG)
+        GTEST_SKIP() << "unsigned long has 32 bits here: run this test on a 64-bit target";
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(add_period, CPeriodProperties(LONG_BEYOND, 100), ADD,
                                         ": Error: invalid period\n");
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(add_period, CPeriodProperties(LONG_BEYOND + 15, 100), ADD,
@@ -83,7 +84,7 @@ TEST_F(log_add_period, refuses_a_length_beyond_32_bits)
 
 TEST_F(log_add_period, refuses_rows_beyond_32_bits)
 {
-    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits";
+    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits here: run this test on a 64-bit target";
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(add_period, CPeriodProperties(15, SIZE_BEYOND), ADD,
                                         ": Error: invalid max_entries\n");
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(add_period, CPeriodProperties(15, SIZE_BEYOND + 100), ADD,
@@ -282,7 +283,8 @@ TEST_F(log_modify_period, refuses_a_period_without_rows)
 
 TEST_F(log_modify_period, refuses_a_length_beyond_32_bits)
 {
-    if (!WIDE_LONG) GTEST_SKIP() << "unsigned long has 32 bits";
+    if (!WIDE_LONG)
+        GTEST_SKIP() << "unsigned long has 32 bits here: run this test on a 64-bit target";
     add_period(15, 100);
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(modify_period, CPeriodProperties(LONG_BEYOND + 15, 100),
                                         MODIFY, ": Error: invalid period\n");
@@ -290,7 +292,7 @@ TEST_F(log_modify_period, refuses_a_length_beyond_32_bits)
 
 TEST_F(log_modify_period, refuses_rows_beyond_32_bits)
 {
-    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits";
+    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits here: run this test on a 64-bit target";
     add_period(15, 100);
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(modify_period, CPeriodProperties(15, SIZE_BEYOND + 50),
                                         MODIFY, ": Error: invalid max_entries\n");
@@ -501,7 +503,8 @@ TEST_F(log_remove_period, wants_rows_although_they_are_not_used)
 
 TEST_F(log_remove_period, refuses_a_length_beyond_32_bits)
 {
-    if (!WIDE_LONG) GTEST_SKIP() << "unsigned long has 32 bits";
+    if (!WIDE_LONG)
+        GTEST_SKIP() << "unsigned long has 32 bits here: run this test on a 64-bit target";
     add_period(15, 100);
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(remove_period, CPeriodProperties(LONG_BEYOND + 15, 100),
                                         REMOVE, ": Error: invalid period\n");
@@ -509,7 +512,7 @@ TEST_F(log_remove_period, refuses_a_length_beyond_32_bits)
 
 TEST_F(log_remove_period, refuses_rows_beyond_32_bits)
 {
-    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits";
+    if (!WIDE_SIZE) GTEST_SKIP() << "size_t has 32 bits here: run this test on a 64-bit target";
     add_period(15, 100);
     EXPECT_REFUSES_BEFORE_ANY_STATEMENT(remove_period, CPeriodProperties(15, SIZE_BEYOND), REMOVE,
                                         ": Error: invalid max_entries\n");

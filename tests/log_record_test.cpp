@@ -195,7 +195,8 @@ TEST_F(add_trend_data, identifier_0_is_one)
 
 TEST_F(add_trend_data, takes_times_beyond_32_bits)
 {
-    if (sizeof(time_t) < 8) GTEST_SKIP() << "time_t has 32 bits here";
+    if (sizeof(time_t) < 8)
+        GTEST_SKIP() << "time_t has 32 bits here: run this test on a 64-bit target";
     const CDeviceParams device = pump({{1, 100}});
     EXPECT_QUIET(add(device, static_cast<time_t>(int64_t{5000000000}), {avg(1)}), 0);
     EXPECT_EQ(rows("SELECT time FROM trends_1_1"), "5000000000");

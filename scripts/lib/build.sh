@@ -1,9 +1,10 @@
-# Sourced, from anywhere. Goes to the top of the checkout; build_preset NAME [cmake argument...]
-# installs what the preset needs, configures it and builds it in build/NAME.
+# Sourced, from anywhere. Goes to the top of the checkout; build_preset NAME [--target TARGET...]
+# installs what the preset needs, configures it and builds it in build/NAME, quietly unless it fails.
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 . scripts/lib/packages.sh
+. scripts/lib/quiet.sh
 
 build_preset() {
     local preset=$1
@@ -21,6 +22,9 @@ build_preset() {
         arm*) scripts/arm-root ;;
     esac
 
-    cmake --preset "$preset"
-    cmake --build --preset "$preset" --parallel "$(nproc)" "$@"
+    local targets=${*:2}
+    mkdir -p "build/$preset"
+    quietly "Configuring build/$preset" "build/$preset/configure.log" cmake --preset "$preset"
+    quietly "Building ${targets:+$targets in }build/$preset" "build/$preset/build.log" \
+        cmake --build --preset "$preset" --parallel "$(nproc)" "$@"
 }
