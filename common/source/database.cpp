@@ -35,6 +35,8 @@ int open_file(const tk_string& name, sqlite3** db, bool read_only, bool create)
         flags = SQLITE_OPEN_READONLY;
     else if (create)
         flags |= SQLITE_OPEN_CREATE;
+    // One thread at a time is the contract, so SQLite need not lock out others at every call.
+    flags |= SQLITE_OPEN_NOMUTEX;
     const CCreationMask mask;
     return sqlite3_open_v2(name.c_str(), db, flags, nullptr);
 }
