@@ -104,7 +104,6 @@ int CStatement::step()
 
     if (!sqlite3_stmt_readonly(_stmt)) _db._disturbed = true;
     if (_db.transaction_dropped()) {
-        _db._disturbed = true;
         report("%s: sqlite3_step(): %d (%s)", fn, SQLITE_ABORT_ROLLBACK,
                sqlite3_errstr(SQLITE_ABORT_ROLLBACK));
         return -1;
