@@ -262,6 +262,15 @@ TEST_F(forgetting, follows_what_the_log_itself_writes)
     EXPECT_TRUE(next_reads_afresh());
 }
 
+TEST_F(forgetting, follows_tables_that_the_log_itself_makes_anew)
+{
+    // SQLite counts no rows of a table that is dropped. Seven rows and the next one wait then.
+    ASSERT_EQ(_log.remove_trend_table({3, 100}, _pump._device), 0);
+    ASSERT_EQ(_log.create_trend_table({3, 100}, _pump._device, {}, false), 0);
+    record(_pump, 480, {1.0});
+    EXPECT_EQ(rows("SELECT time FROM trends_1_3"), "180\n360");
+}
+
 TEST_F(forgetting, follows_a_row_of_another_device_no_more_than_it_must)
 {
     const CDeviceParams fan = add_device("fan", {param("u", "avg")});

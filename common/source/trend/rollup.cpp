@@ -54,7 +54,7 @@ int count_stragglers(CDatabase& db, const CDeviceProperties& device, const CPeri
     return 0;
 }
 
-// The times of the table's oldest and newest row; false when there is none.
+// The times of the table's oldest and newest row; nothing is known where there is none.
 int find_extent(CDatabase& db, const CDeviceProperties& device, const CPeriodProperties& period,
                 known_table_t& known)
 {
@@ -148,9 +148,8 @@ int roll_up_groups(CDatabase& db, const CDeviceProperties& device, const CPeriod
 {
     // Offsets count the rows that are left. Past them a group has nothing to aggregate, and a row
     // of nothing would be refused by the table at every later snapshot.
-    const bool all_left = cutoff < stragglers._first_time;
     int64_t survivors = stragglers._count;
-    if (!all_left) {
+    if (cutoff >= stragglers._first_time) {
         const tk_string sql = sql_text("SELECT count(time) FROM trends_", device._index, "_",
                                        fine._period, " WHERE time > ", cutoff);
         if (const int failed = read_intval(db, sql, STMT_FRESH, survivors)) return failed;
@@ -172,7 +171,8 @@ int roll_up_groups(CDatabase& db, const CDeviceProperties& device, const CPeriod
         }
     }
 
-    if (all_left && stragglers._count == group) {
+    // One group is all that waited, with the newest row, which no trim takes.
+    if (stragglers._count == group && known_fine._extent) {
         known_coarse.add_row(known_fine._extent->_newest);
         known_fine.roll_up_all();
     } else {
