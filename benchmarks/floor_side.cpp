@@ -14,10 +14,24 @@ namespace {
 constexpr int64_t SPARE_INTERVALS = 10;
 constexpr const char* KEPT[] = {"min", "max", "avg", "actual"};
 
-void finish(sqlite3_stmt* stmt)
+// A value with its type, for which SQLite takes its lock once.
+int64_t integer(sqlite3_stmt* stmt, int col)
 {
-    sqlite3_reset(stmt);
-    sqlite3_clear_bindings(stmt);
+    sqlite3_value* value = sqlite3_column_value(stmt, col);
+    return sqlite3_value_type(value) == SQLITE_INTEGER ? sqlite3_value_int64(value) : -1;
+}
+
+double real(sqlite3_stmt* stmt, int col)
+{
+    sqlite3_value* value = sqlite3_column_value(stmt, col);
+    return sqlite3_value_type(value) == SQLITE_FLOAT ? sqlite3_value_double(value)
+                                                     : std::numeric_limits<double>::quiet_NaN();
+}
+
+int64_t first_byte(sqlite3_stmt* stmt, int col)
+{
+    sqlite3_value* value = sqlite3_column_value(stmt, col);
+    return sqlite3_value_type(value) == SQLITE_TEXT ? *sqlite3_value_text(value) : -1;
 }
 
 int64_t length(const CPeriodProperties& period)
@@ -112,9 +126,9 @@ void floor_side::propagate(device_t& device, size_t idx)
                "),0)";
     });
     if (sqlite3_step(stmt) != SQLITE_ROW) throw std::runtime_error(sqlite3_errmsg(_db));
-    const int64_t count = sqlite3_column_int64(stmt, 0);
-    const int64_t first = sqlite3_column_int64(stmt, 1);
-    finish(stmt);
+    const int64_t count = integer(stmt, 0);
+    const int64_t first = integer(stmt, 1);
+    sqlite3_reset(stmt);
     if (count < _ratios[idx]) return;
 
     trim(device, idx);
@@ -240,14 +254,11 @@ size_t floor_side::read(size_t number, size_t periods, const timebounds_t& bound
     size_t rows = 0;
     for (; sqlite3_step(stmt) == SQLITE_ROW; ++rows) {
         for (int col = 0; col < 2; ++col)
-            if (sqlite3_column_type(stmt, col) == SQLITE_INTEGER)
-                _sink += sqlite3_column_int64(stmt, col);
+            _sink += integer(stmt, col);
         for (int col = 2; col < columns; ++col)
-            _values.push_back(sqlite3_column_type(stmt, col) == SQLITE_FLOAT
-                                  ? sqlite3_column_double(stmt, col)
-                                  : std::numeric_limits<double>::quiet_NaN());
+            _values.push_back(real(stmt, col));
     }
-    finish(stmt);
+    sqlite3_reset(stmt);
     end();
     return rows;
 }
@@ -282,7 +293,7 @@ void floor_side::prepare(sqlite3_stmt*& kept, const std::string& sql)
 void floor_side::run(sqlite3_stmt* stmt)
 {
     if (sqlite3_step(stmt) != SQLITE_DONE) throw std::runtime_error(sqlite3_errmsg(_db));
-    finish(stmt);
+    sqlite3_reset(stmt);
 }
 
 // The integer that a query of one row gives, -1 for NULL.
@@ -290,8 +301,8 @@ int64_t floor_side::value(sqlite3_stmt* stmt)
 {
     int64_t result = -1;
     while (sqlite3_step(stmt) == SQLITE_ROW)
-        if (sqlite3_column_type(stmt, 0) == SQLITE_INTEGER) result = sqlite3_column_int64(stmt, 0);
-    finish(stmt);
+        result = integer(stmt, 0);
+    sqlite3_reset(stmt);
     return result;
 }
 
@@ -299,9 +310,8 @@ void floor_side::read_periods()
 {
     while (sqlite3_step(_periods) == SQLITE_ROW)
         for (int col = 0; col < 2; ++col)
-            if (sqlite3_column_type(_periods, col) == SQLITE_INTEGER)
-                _sink += sqlite3_column_int64(_periods, col);
-    finish(_periods);
+            _sink += integer(_periods, col);
+    sqlite3_reset(_periods);
 }
 
 void floor_side::read_params(device_t& device)
@@ -311,11 +321,8 @@ void floor_side::read_params(device_t& device)
     });
     while (sqlite3_step(stmt) == SQLITE_ROW)
         for (int col = 0; col < 8; ++col)
-            if (sqlite3_column_type(stmt, col) == SQLITE_INTEGER)
-                _sink += sqlite3_column_int64(stmt, col);
-            else
-                _sink += *sqlite3_column_text(stmt, col);
-    finish(stmt);
+            _sink += col == 1 ? first_byte(stmt, col) : integer(stmt, col);
+    sqlite3_reset(stmt);
 }
 
 int64_t floor_side::newest(device_t& device, size_t idx)

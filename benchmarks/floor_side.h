@@ -16,8 +16,8 @@
 // nothing is copied. floor_test.cpp holds the statements against the library's, with the values
 // bound to them and in their order.
 //
-// Statements are reset and cleared after use, as the library's are, and values are read by type,
-// then value, as any program has to that does not trust a file.
+// Statements are reset after use but not cleared, since all of their placeholders are bound again.
+// A value is taken once and its type looked at, as any program has to that does not trust a file.
 class floor_side {
 public:
     static constexpr const char* NAME = "floor";

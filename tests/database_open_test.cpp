@@ -77,8 +77,10 @@ extern "C" mode_t umask(mode_t mask) noexcept
 
 extern "C" int sqlite3_open_v2(const char* name, sqlite3** db, int flags, const char* vfs)
 {
-    call_trace::add("open " + std::string(name) + " with " + std::to_string(flags) +
-                    (vfs == nullptr ? "" : " in a VFS"));
+    const bool no_mutex = (flags & SQLITE_OPEN_NOMUTEX) != 0;
+    call_trace::add("open " + std::string(name) + " with " +
+                    std::to_string(flags & ~SQLITE_OPEN_NOMUTEX) +
+                    (no_mutex ? " and no mutex" : "") + (vfs == nullptr ? "" : " in a VFS"));
     // SQLite itself creates functions here.
     call_trace* const outside = call_trace::active;
     call_trace::active = nullptr;
@@ -192,11 +194,11 @@ TEST_F(database_open, does_everything_in_order)
     call_trace trace;
     EXPECT_QUIET(open(args), 0);
     EXPECT_THAT(trace.calls(),
-                ElementsAre("umask 022", "open trend.db with 6", "umask 077", "extended codes 1",
-                            "PRAGMA journal_mode = WAL", "PRAGMA page_size=4096", "BEGIN",
-                            "PRAGMA page_size", "COMMIT", "PRAGMA cache_size=256",
-                            "heap limit 67108864", "create pfmin", "create pfmax", "create pfavg",
-                            "create pfpctavg", "create pctavg"));
+                ElementsAre("umask 022", "open trend.db with 6 and no mutex", "umask 077",
+                            "extended codes 1", "PRAGMA journal_mode = WAL",
+                            "PRAGMA page_size=4096", "BEGIN", "PRAGMA page_size", "COMMIT",
+                            "PRAGMA cache_size=256", "heap limit 67108864", "create pfmin",
+                            "create pfmax", "create pfavg", "create pfpctavg", "create pctavg"));
 }
 
 TEST_F(database_open, leaves_out_what_is_not_asked_for)
@@ -205,9 +207,9 @@ TEST_F(database_open, leaves_out_what_is_not_asked_for)
     call_trace trace;
     EXPECT_QUIET(open(in_rollback_mode()), 0);
     EXPECT_THAT(trace.calls(),
-                ElementsAre("umask 022", "open trend.db with 6", "umask 022", "extended codes 1",
-                            "PRAGMA page_size=4096", "create pfmin", "create pfmax", "create pfavg",
-                            "create pfpctavg", "create pctavg"));
+                ElementsAre("umask 022", "open trend.db with 6 and no mutex", "umask 022",
+                            "extended codes 1", "PRAGMA page_size=4096", "create pfmin",
+                            "create pfmax", "create pfavg", "create pfpctavg", "create pctavg"));
 }
 
 TEST_F(database_open, opens_read_only_with_one_flag)
@@ -219,7 +221,7 @@ TEST_F(database_open, opens_read_only_with_one_flag)
         args._create = create;
         call_trace trace;
         EXPECT_QUIET(open(args), 0);
-        EXPECT_EQ(trace.calls().at(1), "open trend.db with 1");
+        EXPECT_EQ(trace.calls().at(1), "open trend.db with 1 and no mutex");
     }
 }
 
@@ -230,7 +232,7 @@ TEST_F(database_open, opens_an_existing_file_without_the_flag_that_creates)
     args._create = false;
     call_trace trace;
     EXPECT_QUIET(open(args), 0);
-    EXPECT_EQ(trace.calls().at(1), "open trend.db with 2");
+    EXPECT_EQ(trace.calls().at(1), "open trend.db with 2 and no mutex");
 }
 
 TEST_F(database_open, stops_working_at_a_file_that_cannot_be_opened)
@@ -239,7 +241,7 @@ TEST_F(database_open, stops_working_at_a_file_that_cannot_be_opened)
     call_trace trace;
     capture_stderr([&] { open("missing/trend.db"); });
     EXPECT_THAT(trace.calls(),
-                ElementsAre("umask 022", "open missing/trend.db with 6", "umask 022"));
+                ElementsAre("umask 022", "open missing/trend.db with 6 and no mutex", "umask 022"));
 }
 
 TEST_F(database_open, stops_working_at_the_first_statement_that_fails)

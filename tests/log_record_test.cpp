@@ -305,10 +305,11 @@ TEST_F(add_trend_data, runs_one_transaction)
     const CDeviceParams device = pump({{1, 100}});
     statement_trace trace;
     EXPECT_EQ(add(device, 60, {avg(1)}), 0);
-    EXPECT_EQ(trace.texts(),
-              (texts_t{"BEGIN", PERIODS, PARAMS_1,
-                       "INSERT INTO trends_1_1 (time, percent_valid, param_1_avg) VALUES (?,?,?)",
-                       NEWEST_1_1, "SELECT min(time) FROM trends_1_1", "COMMIT"}));
+    EXPECT_EQ(
+        trace.texts(),
+        (texts_t{"BEGIN", PERIODS, PARAMS_1,
+                 "INSERT INTO trends_1_1 (time, percent_valid, param_1_avg) VALUES (?,?,?)",
+                 NEWEST_1_1, "SELECT min(time) FROM trends_1_1", "PRAGMA data_version", "COMMIT"}));
 }
 
 TEST_F(add_trend_data, prepares_nothing_the_second_time)
@@ -502,6 +503,7 @@ TEST_F(add_trend_data, fails_rather_than_follow_a_list_that_was_cut_short)
     const std::string before = dump();
     for (const std::string& list : {PERIODS, PARAMS_1})
         for (int at_row = 1; at_row <= 3; ++at_row) {
+            have_others_commit();
             interrupt_step fault(list, at_row);
             SCOPED_TRACE(list + " at row " + std::to_string(at_row));
             EXPECT_REPORTS(add(device, 120, {avg(2), avg(2)}), -1,

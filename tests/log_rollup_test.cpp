@@ -415,10 +415,12 @@ TEST_F(propagate_recent_samples, text_names_every_kept_aggregate_in_order)
 TEST_F(propagate_recent_samples, runs_these_statements_where_a_group_is_full)
 {
     const CDeviceParams pump = with_minutes(4, {{1, 100}, {5, 100}, {60, 100}});
+    have_others_commit();
     statement_trace trace;
     record(pump, 300, {5.0});
     EXPECT_EQ(trace.expanded(),
-              (texts_t{"BEGIN", "SELECT * FROM periods", "SELECT * FROM params_1 ORDER BY idx ASC",
+              (texts_t{"BEGIN", "PRAGMA data_version", "SELECT * FROM periods",
+                       "SELECT * FROM params_1 ORDER BY idx ASC",
                        "INSERT INTO trends_1_1 (time, percent_valid, param_1_avg) VALUES "
                        "(300,100.0,5.0)",
                        COUNT_1_5, NEWEST_1_1, OLDEST_1_1,

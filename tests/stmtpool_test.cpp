@@ -62,6 +62,7 @@ protected:
 
 using texts = std::multiset<std::string>;
 using get = pool_fixture;
+using recall = pool_fixture;
 using eviction = pool_fixture;
 using failed_preparation = pool_fixture;
 using capacity_0 = pool_fixture;
@@ -143,6 +144,53 @@ TEST(pool, is_not_copied)
 {
     static_assert(!std::is_copy_constructible_v<CStatementPool>);
     static_assert(!std::is_copy_assignable_v<CStatementPool>);
+}
+
+// Recall -----------------------------------------------------------------------------------------
+
+TEST_F(recall, gives_the_statement_of_a_place_without_its_text)
+{
+    CStatementPool pool(_db, 2);
+    pool_place_t p, q;
+    const stmt_ptr_t first = pool.get(P, p);
+    pool.get(Q, q);
+    EXPECT_EQ(first, pool.recall(p));
+    EXPECT_EQ(pool.get(Q), pool.recall(q));
+    EXPECT_EQ(P, p._slot.ptr->key);
+
+    pool_place_t again;
+    EXPECT_EQ(first, pool.get(P, again));
+    EXPECT_EQ(first, pool.recall(again));
+    EXPECT_EQ(0u, allocations::in([&] { pool.recall(p); }));
+}
+
+TEST_F(recall, knows_no_place_that_was_never_given)
+{
+    CStatementPool pool(_db, 2);
+    EXPECT_EQ(nullptr, pool.recall(pool_place_t()));
+}
+
+TEST_F(recall, gives_no_statement_that_the_pool_has_given_up)
+{
+    CStatementPool pool(_db, 1);
+    pool_place_t place;
+    stmt_ptr_t held = pool.get(P, place);
+    pool.get(Q);
+    EXPECT_EQ(nullptr, pool.recall(place));  // although it is there still
+    held.reset();
+    EXPECT_EQ(nullptr, pool.recall(place));
+    EXPECT_EQ(texts{Q}, statements());
+}
+
+TEST_F(recall, is_a_use_of_the_statement)
+{
+    CStatementPool pool(_db, 2);
+    pool_place_t place;
+    pool.get(P, place);
+    pool.get(Q);
+    pool.recall(place);
+    pool.get(R);
+    EXPECT_EQ((texts{P, R}), statements());
 }
 
 // Eviction ---------------------------------------------------------------------------------------

@@ -167,6 +167,13 @@ public:
         return handle;
     }
 
+    // Makes the entry in the slot, which must be valid, the most recently used.
+    void touch(const handle_t& handle)
+    {
+        TREND_ASSERT(handle.ptr->valid);
+        make_most_recent(handle.ptr->qpos);
+    }
+
     // Forgets the entry for `key` and releases its value; false when there is none.
     bool remove(const Key& key)
     {

@@ -89,8 +89,9 @@ public:
     sqlite3* operator*();
 
 private:
-    friend class CStatement;   // refuses to step in a dropped transaction
+    friend class CStatement;   // refuses to step in a dropped transaction, notes what disturbs
     friend class CTransCheck;  // compares nesting levels
+    friend class CMemory;      // what recording remembers: proves it, for which it reads the notes
     friend struct CThrowing;   // these operations, for those that answer their exceptions
 
     // Whether SQLite has ended the transaction while its level still stands.
@@ -107,6 +108,8 @@ private:
     std::unique_ptr<CStatementPool> _pool;
     bool _wal = false;
     bool _rollback_owed = false;  // an own transaction that could not be rolled back is still open
+    bool _disturbed = false;      // something may have changed the file, or failed, or rolled back
+    bool _version_asked = false;  // in this transaction, for commits of others
 };
 
 // Holds a statement for one use and resets it when done.

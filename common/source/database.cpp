@@ -35,6 +35,8 @@ int open_file(const tk_string& name, sqlite3** db, bool read_only, bool create)
         flags = SQLITE_OPEN_READONLY;
     else if (create)
         flags |= SQLITE_OPEN_CREATE;
+    // One thread at a time is the contract, so SQLite need not lock out others at every call.
+    flags |= SQLITE_OPEN_NOMUTEX;
     const CCreationMask mask;
     return sqlite3_open_v2(name.c_str(), db, flags, nullptr);
 }
@@ -223,6 +225,7 @@ int CDatabase::begin_transaction()
             if (_rollback_owed) return -1;
         }
         _rollback_owed = false;
+        _version_asked = false;
         if (const int failed = control(fn, "BEGIN")) return failed;
     }
     ++_nest_lvl;
@@ -249,11 +252,13 @@ void CDatabase::rollback_transaction()
     TREND_ASSERT(_db!=__null);
     TREND_ASSERT(_pool.get());
     TREND_ASSERT(_nest_lvl>0);
+    _disturbed = true;
     if (--_nest_lvl == 0) roll_back();
 }
 
 void CDatabase::roll_back() noexcept
 {
+    _disturbed = true;  // after a COMMIT that could not be prepared no step has failed
     static_cast<void>(
         control("void toolkit::trend::CDatabase::rollback_transaction()", "ROLLBACK"));
     _rollback_owed = sqlite3_get_autocommit(_db) == 0;

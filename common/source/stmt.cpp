@@ -102,6 +102,7 @@ int CStatement::step()
     TREND_SIGNATURE(fn, "int toolkit::trend::CStatement::step()");
     TREND_ASSERT(_stmt!=__null);
 
+    if (!sqlite3_stmt_readonly(_stmt)) _db._disturbed = true;
     if (_db.transaction_dropped()) {
         report("%s: sqlite3_step(): %d (%s)", fn, SQLITE_ABORT_ROLLBACK,
                sqlite3_errstr(SQLITE_ABORT_ROLLBACK));
@@ -113,7 +114,10 @@ int CStatement::step()
         if (code == SQLITE_ROW) return 1;
         if (code == SQLITE_DONE) return 0;
         // Extended busy codes are failures: waiting would not help a stale snapshot.
-        if (code != SQLITE_BUSY) return check(code, fn, "sqlite3_step()", _db);
+        if (code != SQLITE_BUSY) {
+            _db._disturbed = true;
+            return check(code, fn, "sqlite3_step()", _db);
+        }
         sched_yield();
     }
 }

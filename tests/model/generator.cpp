@@ -63,6 +63,7 @@ public:
             apply(op, _log);
         while (operations.size() < count) {
             operation_t op = next();
+            op.by = somebody(op);
             if (out_of_bounds(op, _log)) continue;
             _failed = apply(op, _log).code < 0;
             _log.reports.clear();
@@ -105,6 +106,14 @@ private:
         op.create = create;
         op.capacity = _random.pick<uint64_t>({1, 2, 3, 7, 30, 100});
         return op;
+    }
+
+    // Mostly the log itself.
+    by_t somebody(const operation_t& op)
+    {
+        if (!changes(op.kind) || !_random.chance(_run > 0 ? 3 : 20)) return by_t::THE_LOG;
+        if (op.kind == kind_t::CLEAR && _random.chance(50)) return by_t::THE_HANDLE;
+        return _random.pick({by_t::ANOTHER_LOG, by_t::ANOTHER_IN_BETWEEN});
     }
 
     operation_t next()

@@ -1,5 +1,7 @@
 // Random sequences of calls, made of a log and of a model of it that knows nothing of SQLite. After
-// every call both must have given the same answer, reported the same lines, and hold the same.
+// every call both must have given the same answer, reported the same lines, and hold the same. Some
+// calls are made by another log on the same file, some rows deleted on the log's raw handle; every
+// other pair of seeds has a log that remembers nothing from one recording to the next.
 //
 // TREND_MODEL_SEED, TREND_MODEL_SEQUENCES and TREND_MODEL_LENGTH change what is run, so that
 //
@@ -31,11 +33,12 @@ uint64_t from_environment(const char* name, uint64_t otherwise)
     return value == nullptr ? otherwise : std::strtoull(value, nullptr, 10);
 }
 
-std::string shrunk_report(const operations_t& operations, bool wal, const model::verdict_t& verdict)
+std::string shrunk_report(const operations_t& operations, bool wal, bool forgetful,
+                          const model::verdict_t& verdict)
 {
     const auto tries = static_cast<size_t>(from_environment("TREND_MODEL_TRIES", 2500));
     const auto fails = [&](const operations_t& candidate) {
-        const model::verdict_t again = model::replay(candidate, wal);
+        const model::verdict_t again = model::replay(candidate, wal, forgetful);
         return again.failed && again.last_kind == verdict.last_kind;
     };
     operations_t failing = operations;
@@ -46,7 +49,7 @@ std::string shrunk_report(const operations_t& operations, bool wal, const model:
     std::string report = verdict.text + "\n\nCut down to:\n";
     for (const operation_t& op : failing)
         report += "  " + model::describe(op) + "\n";
-    return report + "where\n" + model::replay(failing, wal).text;
+    return report + "where\n" + model::replay(failing, wal, forgetful).text;
 }
 
 // Runs the sequence of the seed and tells what was wrong with it.
@@ -54,11 +57,13 @@ std::string run(uint64_t seed, size_t length, size_t& calls)
 {
     const operations_t operations = model::generate(seed, length);
     const bool wal = seed % 2 == 0;
-    const model::verdict_t verdict = model::replay(operations, wal);
+    const bool forgetful = seed % 4 > 1;
+    const model::verdict_t verdict = model::replay(operations, wal, forgetful);
     calls += verdict.calls;
     if (!verdict.failed) return "";
-    return "TREND_MODEL_SEED=" + std::to_string(seed) + (wal ? ", write-ahead log\n" : "\n") +
-           shrunk_report(operations, wal, verdict);
+    return "TREND_MODEL_SEED=" + std::to_string(seed) + (wal ? ", write-ahead log" : "") +
+           (forgetful ? ", remembering nothing\n" : "\n") +
+           shrunk_report(operations, wal, forgetful, verdict);
 }
 
 class random_calls : public testing::TestWithParam<uint64_t> {};

@@ -85,7 +85,9 @@ std::string text(double value)
     return buffer;
 }
 
-std::string describe(const operation_t& op)
+namespace {
+
+std::string describe_call(const operation_t& op)
 {
     const std::string bounds = std::to_string(op.first) + " to " + std::to_string(op.second);
     switch (op.kind) {
@@ -157,7 +159,7 @@ std::string describe(const operation_t& op)
     return "?";
 }
 
-reply_t apply(const operation_t& op, log_t& log)
+reply_t apply_call(const operation_t& op, log_t& log)
 {
     reply_t reply;
     reply.params = op.params;
@@ -255,8 +257,66 @@ reply_t apply(const operation_t& op, log_t& log)
     return reply;
 }
 
+// Others cannot write where the log has begun to, nor be told from a log that cannot.
+bool is_in_the_way(const operation_t& op, const log_t& log)
+{
+    if (op.by == by_t::THE_LOG) return false;
+    if (!log.is_open() || log.is_read_only() || !changes(op.kind)) return true;
+    if (op.by != by_t::THE_HANDLE) return log.level() > 0;
+    const auto device = log.state().devices.find(op.device.index);
+    return op.kind != kind_t::CLEAR || device == log.state().devices.end() ||
+           op.device.path.empty() || log.state().periods.empty() || op.first < NONE ||
+           op.second < NONE;
+}
+
+}  // namespace
+
+std::string describe(const operation_t& op)
+{
+    switch (op.by) {
+        case by_t::THE_LOG:
+            return describe_call(op);
+        case by_t::ANOTHER_LOG:
+            return "another log: " + describe_call(op);
+        case by_t::ANOTHER_IN_BETWEEN:
+            return "begin_transaction, another log: " + describe_call(op);
+        case by_t::THE_HANDLE:
+            return "on the raw handle: " + describe_call(op);
+    }
+    return "?";
+}
+
+reply_t apply(const operation_t& op, log_t& log)
+{
+    const reply_t reply = apply_call(op, log);
+    if (op.by == by_t::ANOTHER_IN_BETWEEN) log.begin();
+    return reply;
+}
+
+bool changes(kind_t kind)
+{
+    switch (kind) {
+        case kind_t::ADD_PERIOD:
+        case kind_t::MODIFY_PERIOD:
+        case kind_t::REMOVE_PERIOD:
+        case kind_t::ADD_DEVICE:
+        case kind_t::MODIFY_DEVICE:
+        case kind_t::REMOVE_DEVICE:
+        case kind_t::ADD_PARAMS:
+        case kind_t::MODIFY_PARAMS:
+        case kind_t::REMOVE_PARAMS:
+        case kind_t::RECORD:
+        case kind_t::FILL:
+        case kind_t::CLEAR:
+            return true;
+        default:
+            return false;
+    }
+}
+
 bool out_of_bounds(const operation_t& op, const log_t& log)
 {
+    if (is_in_the_way(op, log)) return true;
     const bool checked_device = log.is_open() && !op.device.path.empty() && op.device.index >= 0;
     switch (op.kind) {
         case kind_t::BEGIN:
@@ -347,6 +407,7 @@ std::vector<operation_t> simpler(const operation_t& op)
     if (op.no_overlap) with([](operation_t& copy) { copy.no_overlap = false; });
     if (op.mark_valid) with([](operation_t& copy) { copy.mark_valid = false; });
     if (op.in_place) with([](operation_t& copy) { copy.in_place = false; });
+    if (op.by != by_t::THE_LOG) with([](operation_t& copy) { copy.by = by_t::THE_LOG; });
     return found;
 }
 

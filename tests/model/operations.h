@@ -41,9 +41,18 @@ enum class kind_t {
     CLEAR,
 };
 
+// Who makes a call. The last one deletes a device's rows on the raw handle, in place of CLEAR.
+enum class by_t {
+    THE_LOG,
+    ANOTHER_LOG,         // on the same file
+    ANOTHER_IN_BETWEEN,  // the same, after the log has begun a transaction and before it reads
+    THE_HANDLE,
+};
+
 // One call with its arguments; which of the fields count depends on the kind.
 struct operation_t {
     kind_t kind = kind_t::LIST_PERIODS;
+    by_t by = by_t::THE_LOG;
 
     device_t device;
     std::vector<param_t> params;
@@ -96,6 +105,9 @@ std::string describe(const operation_t& op);
 
 // A number as it must be written in a program to be the same to the last bit.
 std::string text(double value);
+
+// Whether the call changes what the file holds.
+bool changes(kind_t kind);
 
 // Whether the call must not be made of a log in this state: it would end the process by an
 // assertion, or its result depends on the clock. Everything that the generator avoids, and that a

@@ -58,9 +58,10 @@ std::string content(const fs::path& name)
 }
 
 // What differs first, or nothing.
-std::string finding(const operations_t& operations, bool wal, volatile progress_t& progress)
+std::string finding(const operations_t& operations, bool wal, bool forgetful,
+                    volatile progress_t& progress)
 {
-    session_t session(wal);
+    session_t session(wal, forgetful);
     for (const operation_t& op : operations) {
         if (out_of_bounds(op, session.model())) continue;
         progress.calls = progress.calls + 1;
@@ -74,11 +75,12 @@ std::string finding(const operations_t& operations, bool wal, volatile progress_
     return difference.empty() ? "" : "At the end\n" + difference;
 }
 
-[[noreturn]] void run_child(const operations_t& operations, bool wal, volatile progress_t& progress)
+[[noreturn]] void run_child(const operations_t& operations, bool wal, bool forgetful,
+                            volatile progress_t& progress)
 {
     std::string found;
     try {
-        found = finding(operations, wal, progress);
+        found = finding(operations, wal, forgetful, progress);
     } catch (const std::exception& error) {
         found = std::string("exception: ") + error.what();
     }
@@ -88,7 +90,7 @@ std::string finding(const operations_t& operations, bool wal, volatile progress_
 
 }  // namespace
 
-verdict_t replay(const operations_t& operations, bool wal)
+verdict_t replay(const operations_t& operations, bool wal, bool forgetful)
 {
     const fs::path before = fs::current_path();
     std::string folder = (before / "replay-XXXXXX").string();
@@ -101,7 +103,7 @@ verdict_t replay(const operations_t& operations, bool wal)
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
         fs::current_path(folder);
-        run_child(operations, wal, *progress);
+        run_child(operations, wal, forgetful, *progress);
     }
     int status = 0;
     while (waitpid(child, &status, 0) < 0)

@@ -17,7 +17,8 @@ struct verdict_t {
 
 // Makes the calls of a log and of the model side by side, in a process and a folder of their own,
 // so that a crash is a finding like any other. Calls that are out of bounds are passed over. With
-// `wal` the file is written through a write-ahead log.
-verdict_t replay(const operations_t& operations, bool wal);
+// `wal` the file is written through a write-ahead log; with `forgetful` the log remembers nothing
+// from one recording to the next.
+verdict_t replay(const operations_t& operations, bool wal, bool forgetful = false);
 
 }  // namespace model

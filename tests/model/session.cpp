@@ -123,6 +123,19 @@ timebounds_t bounds_of(const operation_t& op)
     return {static_cast<time_t>(op.first), static_cast<time_t>(op.second)};
 }
 
+int open_log(tt::CLog& log, const operation_t& op, bool wal)
+{
+    const int code = log.open(op.name, op.read_only, op.create, static_cast<size_t>(op.capacity),
+                              !wal, 0, 0, 0, wal);
+    // Nothing here survives the process, so nothing need reach the disk.
+    if (code == 0) {
+        sqlite3_exec(newest_handle, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+        if (!wal)
+            sqlite3_exec(newest_handle, "PRAGMA journal_mode = MEMORY", nullptr, nullptr, nullptr);
+    }
+    return code;
+}
+
 // Replies --------------------------------------------------------------------------------------
 
 std::string text(const std::vector<param_t>& params)
@@ -300,7 +313,8 @@ std::vector<std::string> captured_errors_t::lines()
 
 // Session --------------------------------------------------------------------------------------
 
-session_t::session_t(bool wal) : _wal(wal), _errors("stderr.txt")
+session_t::session_t(bool wal, bool forgetful)
+    : _wal(wal), _forgetful(forgetful), _errors("stderr.txt")
 {
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(note_handle));
 }
@@ -313,20 +327,13 @@ session_t::~session_t()
 
 int session_t::open(const operation_t& op)
 {
-    const int code = _log.open(op.name, op.read_only, op.create, static_cast<size_t>(op.capacity),
-                               !_wal, 0, 0, 0, _wal);
-
-    // Nothing here survives the process, so nothing need reach the disk.
+    const int code = open_log(_log, op, _wal);
     _handle = newest_handle;
-    if (code == 0) {
-        sqlite3_exec(_handle, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
-        if (!_wal) sqlite3_exec(_handle, "PRAGMA journal_mode = MEMORY", nullptr, nullptr, nullptr);
-    }
     return code;
 }
 
 // The call of the library.
-reply_t session_t::call(const operation_t& op)
+reply_t session_t::call(const operation_t& op, tt::CLog& log)
 {
     reply_t reply;
     tt::CDeviceProperties device = to_library(op.device);
@@ -342,46 +349,46 @@ reply_t session_t::call(const operation_t& op)
             _log.close();
             break;
         case kind_t::BEGIN:
-            reply.code = _log.begin_transaction();
+            reply.code = log.begin_transaction();
             break;
         case kind_t::COMMIT:
-            reply.code = _log.end_transaction();
+            reply.code = log.end_transaction();
             break;
         case kind_t::ROLL_BACK:
-            _log.rollback_transaction();
+            log.rollback_transaction();
             break;
         case kind_t::VACUUM:
-            reply.code = _log.vacuum();
+            reply.code = log.vacuum();
             break;
         case kind_t::CHECKPOINT:
-            reply.code = _log.checkpoint();
+            reply.code = log.checkpoint();
             break;
         case kind_t::LIST_PERIODS: {
             std::vector<tt::CPeriodProperties> periods(1);
-            reply.code = _log.get_periods(periods);
+            reply.code = log.get_periods(periods);
             for (const tt::CPeriodProperties& record : periods)
                 reply.periods.push_back({record._period, record._max_entries});
             break;
         }
         case kind_t::LIST_DEVICES: {
             std::vector<tt::CDeviceProperties> devices(1);
-            reply.code = _log.get_devices(devices);
+            reply.code = log.get_devices(devices);
             for (const tt::CDeviceProperties& record : devices)
                 reply.devices.push_back(from_library(record));
             break;
         }
         case kind_t::LIST_PARAMS:
             params.resize(1);
-            reply.code = _log.get_params(device, params);
+            reply.code = log.get_params(device, params);
             break;
         case kind_t::ADD_PERIOD:
-            reply.code = _log.add_period(to_library(op.period));
+            reply.code = log.add_period(to_library(op.period));
             break;
         case kind_t::MODIFY_PERIOD:
-            reply.code = _log.modify_period(to_library(op.period));
+            reply.code = log.modify_period(to_library(op.period));
             break;
         case kind_t::REMOVE_PERIOD:
-            reply.code = _log.remove_period(to_library(op.period));
+            reply.code = log.remove_period(to_library(op.period));
             break;
         case kind_t::NEXT_BOUNDARY:
             reply.code = tt::CLog::next_interval_boundary(period, time);
@@ -396,39 +403,39 @@ reply_t session_t::call(const operation_t& op)
             break;
         }
         case kind_t::ADD_DEVICE:
-            reply.code = _log.add_device(device);
+            reply.code = log.add_device(device);
             reply.index = device._index;
             break;
         case kind_t::MODIFY_DEVICE:
-            reply.code = _log.modify_device(device);
+            reply.code = log.modify_device(device);
             break;
         case kind_t::REMOVE_DEVICE:
-            reply.code = _log.remove_device(device);
+            reply.code = log.remove_device(device);
             break;
         case kind_t::ADD_PARAMS:
-            reply.code = _log.add_params(device, params);
+            reply.code = log.add_params(device, params);
             break;
         case kind_t::MODIFY_PARAMS:
-            reply.code = _log.modify_params(device, params);
+            reply.code = log.modify_params(device, params);
             break;
         case kind_t::REMOVE_PARAMS:
-            reply.code = _log.remove_params(device, params);
+            reply.code = log.remove_params(device, params);
             break;
         case kind_t::RECORD: {
             tt::CDeviceParams data;
             data._device = device;
             data._params = params;
-            reply.code = _log.add_trend_data(data, to_library(op));
+            reply.code = log.add_trend_data(data, to_library(op));
             break;
         }
         case kind_t::LATEST: {
             time_t latest = 77;
-            reply.code = _log.get_latest_timestamp(device, latest);
+            reply.code = log.get_latest_timestamp(device, latest);
             reply.time = latest;
             break;
         }
         case kind_t::FILL:
-            reply.code = _log.fill_blank_values(device, time, op.mark_valid);
+            reply.code = log.fill_blank_values(device, time, op.mark_valid);
             break;
         case kind_t::READ: {
             tt::CDeviceParams request;
@@ -439,9 +446,9 @@ reply_t session_t::call(const operation_t& op)
             data._snapshots.resize(3);
             if (op.in_place) static_cast<tt::CDeviceParams&>(data) = request;
             reply.code =
-                _log.get_trend_data(data, op.in_place ? data : request, to_library(op.periods),
-                                    bounds_of(op), static_cast<size_t>(op.limit),
-                                    static_cast<size_t>(op.offset), op.ascending, op.no_overlap);
+                log.get_trend_data(data, op.in_place ? data : request, to_library(op.periods),
+                                   bounds_of(op), static_cast<size_t>(op.limit),
+                                   static_cast<size_t>(op.offset), op.ascending, op.no_overlap);
             params = data._params;
             reply.devices = {from_library(data._device)};
             for (const tt::CSnapshot& snapshot : data._snapshots)
@@ -449,11 +456,53 @@ reply_t session_t::call(const operation_t& op)
             break;
         }
         case kind_t::CLEAR:
-            reply.code = _log.clear_trend_data(device, bounds_of(op));
+            reply.code = log.clear_trend_data(device, bounds_of(op));
             break;
     }
     reply.params = from_library(params);
     return reply;
+}
+
+// The call by whoever makes it.
+reply_t session_t::call(const operation_t& op)
+{
+    switch (op.by) {
+        case by_t::THE_LOG:
+            // An inner rollback changes nothing, and an outer one of nothing neither.
+            if (_forgetful && op.kind == kind_t::RECORD && _log.is_open() &&
+                _log.begin_transaction() == 0)
+                _log.rollback_transaction();
+            return call(op, _log);
+        case by_t::THE_HANDLE:
+            return delete_rows(op);
+        case by_t::ANOTHER_LOG:
+        case by_t::ANOTHER_IN_BETWEEN:
+            break;
+    }
+    if (!_other.is_open()) {
+        operation_t open;
+        open.name = FILE_NAME;
+        open.create = false;
+        open.capacity = 7;
+        open_log(_other, open, _wal);
+    }
+    if (op.by == by_t::ANOTHER_IN_BETWEEN) _log.begin_transaction();
+    return call(op, _other);
+}
+
+// As CLEAR deletes them, by SQLite alone.
+reply_t session_t::delete_rows(const operation_t& op)
+{
+    const std::string first = std::to_string(op.first);
+    const std::string second = std::to_string(op.second);
+    for (const auto& [minutes, rows] : _model.state().periods) {
+        const std::string sql = "DELETE FROM trends_" + std::to_string(op.device.index) + "_" +
+                                std::to_string(minutes) + " WHERE (time >= " + first + " OR " +
+                                first + " = -1) AND (time <= " + second + " OR " + second +
+                                " = -1)";
+        sqlite3_exec(_handle, sql.c_str(), nullptr, nullptr, nullptr);
+    }
+    return {};
 }
 
 std::string session_t::step(const operation_t& op)
@@ -463,8 +512,9 @@ std::string session_t::step(const operation_t& op)
         _file.forget();
         _transaction.forget();
     }
-    const reply_t expected = apply(op, _model);
+    reply_t expected = apply(op, _model);
     const reply_t found = call(op);
+    if (op.by == by_t::THE_HANDLE) expected = found;  // what it deletes is what counts
 
     const std::vector<std::string> lines = _errors.lines();
 

@@ -35,7 +35,8 @@ private:
 // folder, which must be empty.
 class session_t {
 public:
-    explicit session_t(bool wal);
+    // With `forgetful` the log forgets before each recording what it remembers.
+    explicit session_t(bool wal, bool forgetful = false);
     ~session_t();
 
     session_t(const session_t&) = delete;
@@ -51,14 +52,18 @@ public:
     const log_t& model() const { return _model; }
 
 private:
+    reply_t call(const operation_t& op, toolkit::trend::CLog& log);
     reply_t call(const operation_t& op);
+    reply_t delete_rows(const operation_t& op);
     int open(const operation_t& op);
     std::string content_difference(const operation_t& op);
 
     bool _wal;
+    bool _forgetful;
     size_t _steps = 0;
     log_t _model;
     toolkit::trend::CLog _log;
+    toolkit::trend::CLog _other;
     captured_errors_t _errors;
     sqlite3* _handle = nullptr;   // of the library's connection
     file_content_t _file;         // through a connection of its own: what is committed

@@ -144,6 +144,14 @@ void log_fixture::record_snapshot(const CDeviceParams& device, const CSnapshot& 
     must("add_trend_data", [&] { return _log.add_trend_data(device, snapshot); });
 }
 
+void log_fixture::have_others_commit() const
+{
+    // An update to what is there already would leave the file as it was.
+    run_sql(_file,
+            "UPDATE periods SET max_entries = max_entries + 1; "
+            "UPDATE periods SET max_entries = max_entries - 1");
+}
+
 bool log_fixture::at_level_0()
 {
     const statement_trace trace;

@@ -74,6 +74,10 @@ protected:
     void record(const CDeviceParams& device, time_t time, std::initializer_list<CSample> samples,
                 double percent_valid = 100.0);
 
+    // Another connection commits, without a change: what recording remembers of the file is not
+    // proven any more.
+    void have_others_commit() const;
+
     // What `_file` holds, see rows.h: as committed, not what an open transaction has changed.
     std::string rows(const std::string& sql) const { return ::rows(_file, sql); }
     std::string dump() const { return ::dump(_file); }

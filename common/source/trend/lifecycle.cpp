@@ -1,6 +1,7 @@
 #include <cstdarg>
 
 #include "trend/checks.h"
+#include "trend/memory.h"
 #include "trend/operation.h"
 
 namespace toolkit::trend {
@@ -18,7 +19,7 @@ try {
     // The pool would throw at its first statement. An empty name is refused by the connection.
     if (pool_capacity == 0 && !is_empty_path(name)) return refuse(fn, "invalid pool capacity");
 
-    _db = std::make_shared<CDatabase>();
+    _db = std::make_shared<CLogDatabase>();
     int failed = CThrowing::open(*_db, name, pool_capacity, read_only, create, temp_in_memory,
                                  page_size, cache_bytes, heap_limit, wal);
     if (!failed && !read_only && create) failed = init_basic_tables();

@@ -95,12 +95,13 @@ try {
             bind_read(*stmt, period_set, bounds, no_overlap, upper_bounds, limit, offset))
         return failed;
 
-    CSnapshot snapshot;
+    // Decoded in place: a row of many parameters is larger than all that finding it takes.
     int retval = 0;
-    while ((retval = stmt->step()) == 1) {
-        if (get_sample(stmt.get(), snapshot, data._params) != 0) return retval;
-        data._snapshots.push_back(snapshot);
-    }
+    while ((retval = stmt->step()) == 1)
+        if (get_sample(stmt.get(), data._snapshots.emplace_back(), data._params) != 0) {
+            data._snapshots.pop_back();
+            return retval;
+        }
 
     // A failing step ends the rows as the last row does.
     return level.end();
@@ -124,10 +125,11 @@ int CLog::get_sample(const std::shared_ptr<CStatement>& stmt, CSnapshot& snapsho
     snapshot._time = stored_time(ival);
     if (const int failed = stmt->column(2, snapshot._percent_valid, NULL_NOT_OK)) return failed;
 
-    snapshot._samples.clear();
+    snapshot._samples.resize(params.size());
     size_t col = 3;
-    for (const CParamProperties& param : params) {
-        CSample& sample = snapshot._samples.emplace_back();
+    for (size_t i = 0; i < params.size(); ++i) {
+        const CParamProperties& param = params[i];
+        CSample& sample = snapshot._samples[i];
         for (const aggregate_t& aggregate : AGGREGATES)
             if (param.*aggregate._kept)
                 if (const int failed = stmt->column(col++, sample.*aggregate._value)) return failed;

@@ -1,4 +1,3 @@
-#include <atomic>
 #include <cmath>
 
 #include "columns.h"
@@ -6,83 +5,57 @@
 #include "sqltext.h"
 #include "trend/checks.h"
 #include "trend/lists.h"
+#include "trend/memory.h"
 #include "trend/operation.h"
+#include "trend/rollup.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
 
 namespace {
 
-// What recording works from. It is read afresh at every call, but into the memory of the last one:
-// without it every snapshot would allocate a text per parameter. One call at a time borrows that
-// memory; one in another thread, or inside from a callback of SQLite's, has lists of its own.
-class CRecordingLists {
-public:
-    CRecordingLists()
-        : _kept(kept()),
-          _borrowed(!_kept._lent.test_and_set(std::memory_order_acquire)),
-          _lists(_borrowed ? _kept._lists : _own)
-    {
-    }
-    ~CRecordingLists()
-    {
-        if (_borrowed) _kept._lent.clear(std::memory_order_release);
-    }
-
-    CRecordingLists(const CRecordingLists&) = delete;
-    CRecordingLists& operator=(const CRecordingLists&) = delete;
-
-    struct lists_t {
-        std::vector<CPeriodProperties> _periods;
-        std::vector<unsigned long> _ratios;
-        std::vector<CParamProperties> _params;
-    };
-    lists_t* operator->() { return &_lists; }
-
-private:
-    struct kept_t {
-        std::atomic_flag _lent = ATOMIC_FLAG_INIT;
-        lists_t _lists;
-    };
-
-    // Never destroyed: a thread may record until the process is gone.
-    static kept_t& kept()
-    {
-        static kept_t& lists = *new kept_t;
-        return lists;
-    }
-
-    kept_t& _kept;
-    bool _borrowed;
-    lists_t _own;
-    lists_t& _lists;
-};
-
-// Inserts the snapshot into the table of `period`. The text depends on the selection of parameters,
-// so the pool keeps a statement for each that the host uses.
-int insert_sample(CDatabase& db, const CDeviceParams& data, const CSnapshot& snapshot,
-                  const CPeriodProperties& period)
+// The statement that stores a row of the selected parameters in the table of `period`: one for each
+// selection.
+stmt_ptr_t insert_statement(const char* fn, CMemory& memory, known_device_t& known,
+                            const CDeviceParams& data, const CPeriodProperties& period)
 {
-    const tk_string sql = insert_sample_text(data._device._index, period._period, data._params);
-    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
-    if (!stmt) {
-        report("Can't prepare SQL (1): '%s'", sql.c_str());
-        return -1;
-    }
+    known_selection_t* selection = known.find_selection(data._params);
+    stmt_ptr_t stmt;
+    if (selection) stmt = memory.recall(selection->_insert);
+    if (stmt) return stmt;
 
+    for (const CParamProperties& param : data._params)
+        if (param._index < 0) {
+            refuse(fn, "invalid param id");
+            return stmt;
+        }
+    const tk_string sql = insert_sample_text(data._device._index, period._period, data._params);
+    pool_place_t place;
+    stmt = memory.find(sql, place);
+    if (!stmt)
+        report("Can't prepare SQL (1): '%s'", sql.c_str());
+    else if (selection)
+        selection->_insert = place;
+    else
+        known.add_selection(data._params, place);
+    return stmt;
+}
+
+int insert_sample(CStatement& stmt, const CDeviceParams& data, const CSnapshot& snapshot)
+{
     // Bound in the order in which insert_sample_text() names the columns.
-    if (const int failed = bind_all(*stmt, int64_t(snapshot._time), snapshot._percent_valid))
+    if (const int failed = bind_all(stmt, int64_t(snapshot._time), snapshot._percent_valid))
         return failed;
     size_t placeholder = 3;
     for (size_t k = 0; k < data._params.size(); ++k) {
         const CParamProperties& param = data._params[k];
         const CSample& sample = snapshot._samples[k];
         const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
-            return param.*aggregate._kept ? stmt->bind(placeholder++, sample.*aggregate._value) : 0;
+            return param.*aggregate._kept ? stmt.bind(placeholder++, sample.*aggregate._value) : 0;
         });
         if (failed) return failed;
     }
-    return stmt->step();
+    return stmt.step();
 }
 
 }  // namespace
@@ -105,26 +78,33 @@ try {
     CTransLevel level(*_db);
     if (const int failed = level.begin()) return failed;
 
-    CRecordingLists lists;
-    std::vector<CPeriodProperties>& periods = lists->_periods;
-    if (const int failed = read_all_periods(*_db, periods)) return failed;
-    if (periods.empty()) return refuse(fn, "no configured periods");
-    std::vector<unsigned long>& ratios = lists->_ratios;
-    ratios.clear();
-    if (const int failed = calc_period_ratios(periods, ratios)) return failed;
-    std::vector<CParamProperties>& stored_params = lists->_params;
-    if (const int failed = read_all_params(*_db, data._device, stored_params)) return failed;
-    if (stored_params.empty()) return refuse(fn, "no configured parameters");
+    CMemory& memory = memory_of(*_db);
+    if (const int failed = memory.prove()) return failed;
+    if (memory._periods.empty()) {
+        if (const int failed = read_all_periods(*_db, memory._periods)) return failed;
+        if (memory._periods.empty()) return refuse(fn, "no configured periods");
+        if (const int failed = calc_period_ratios(memory._periods, memory._ratios)) return failed;
+    }
+    known_device_t& known = memory.device(data._device._index);
+    const std::vector<CParamProperties>* stored_params = nullptr;  // where they have to be read
+    if (!known._has_params) {
+        if (const int failed = read_all_params(*_db, data._device, memory._params)) return failed;
+        if (memory._params.empty()) return refuse(fn, "no configured parameters");
+        known._has_params = true;
+        stored_params = &memory._params;
+    }
 
-    for (const CParamProperties& param : data._params)
-        if (param._index < 0) return refuse(fn, "invalid param id");
-    if (const int failed = insert_sample(*_db, data, snapshot, periods[0])) return failed;
-
-    // The caller may record a part of the parameters; the roll-up always takes all of them.
+    {
+        const stmt_wrapper_t stmt(insert_statement(fn, memory, known, data, memory._periods[0]));
+        if (!stmt) return -1;
+        if (const int failed = insert_sample(*stmt, data, snapshot)) return failed;
+    }
+    known._tables[0].add_row(snapshot._time);
     if (const int failed =
-            propagate_recent_samples(data._device, periods, ratios, 0, stored_params))
+            roll_up(*_db, data._device, memory._periods, memory._ratios, 0, known, stored_params))
         return failed;
 
+    if (const int failed = memory.keep()) return failed;
     return level.end();
 } catch (...) {
     return out_of_memory(ADD_TREND_DATA);
