@@ -1,5 +1,5 @@
-// Random histories on the grid: what recording everything in time leaves is what recording it late
-// and rebuilding leaves, to the last bit.
+// Random histories on the grid: nothing is found in them; and what recording everything in time
+// leaves is what recording it late and rebuilding leaves, to the last bit.
 
 #include <algorithm>
 #include <cmath>
@@ -85,6 +85,18 @@ history_t some_history(random_t& random, size_t rows)
     return history;
 }
 
+// What a check finds, as text: nothing where all is as it should be.
+std::string findings(CLog& log, time_t now)
+{
+    std::vector<CFinding> found;
+    if (check_log(log, now, found) != 0) return "failed";
+    std::string text;
+    for (const CFinding& finding : found)
+        if (finding._kind != FINDING_FREE_PAGES)
+            text += std::string(finding_name(finding._kind)) + ": " + finding._text + "\n";
+    return text;
+}
+
 // As the guide says: seeded at the boundary, gaps filled.
 void record_on_grid(CLog& log, const history_t& history, const CDeviceParams& device,
                     const CSnapshot& row)
@@ -132,6 +144,7 @@ protected:
         for (const CSnapshot& row : history._rows)
             record_on_grid(log, history, device, row);
         EXPECT_EQ(0, log.end_transaction());
+        EXPECT_EQ("", findings(log, history._rows.back()._time));
         log.close();
         return dump("in_order.db");
     }
@@ -175,6 +188,7 @@ TEST_P(rebuilt_history, with_late_rows_in_place_of_blank_ones_is_that_in_order)
         EXPECT_EQ(part._rows.size(), result._merged);
         EXPECT_EQ(0u, result._replaced + result._refused + result._too_old + result._kept);
     }
+    EXPECT_EQ("", findings(log, history._rows.back()._time));
     log.close();
     EXPECT_EQ(in_order(history), dump("late.db"));
 }
@@ -205,8 +219,81 @@ TEST_P(rebuilt_history, with_rows_recorded_in_any_order_is_that_in_order)
     CRebuildResult result;
     ASSERT_EQ(0, rebuild(log, request, result));
     EXPECT_EQ(0u, result._kept);
+    EXPECT_EQ("", findings(log, history._rows.back()._time));
     log.close();
     EXPECT_EQ(in_order(history), dump("late.db"));
 }
 
-INSTANTIATE_TEST_SUITE_P(seeds, rebuilt_history, testing::Range(1, 61));
+// A log that is configured anew now and then, whose tables are trimmed, with gaps that they can
+// hold.
+TEST_P(rebuilt_history, on_the_grid_gives_nothing_to_find)
+{
+    random_t random(static_cast<uint64_t>(GetParam()));
+    history_t history = some_history(random, 400 + below(random, 1500));
+    const size_t count = history._periods.size();
+    for (size_t i = 0; i < count; ++i) {
+        const size_t group =
+            i + 1 < count ? history._periods[i + 1]._period / history._periods[i]._period : 1;
+        history._periods[i]._max_entries = 2 * group + 10 + below(random, 200);
+    }
+    CLog log;
+    CDeviceParams device = set_up(log, "trend.db", history);
+    ASSERT_EQ(0, log.end_transaction());
+    ASSERT_EQ(0, log.begin_transaction());
+    // A gap that every table can hold, together with what is cleared before it.
+    constexpr int CLEARED = 7;
+    time_t longest_gap = 0;
+    for (const CPeriodProperties& period : history._periods) {
+        const auto held = static_cast<time_t>(period._period * 60 * period._max_entries);
+        longest_gap = longest_gap == 0 ? held : std::min(longest_gap, held);
+    }
+    longest_gap -= (CLEARED + 1) * history.step();
+    time_t skipped = 0;
+    time_t last = 0;
+    for (size_t i = 0; i < history._rows.size(); ++i) {
+        CSnapshot row = history._rows[i];
+        if (last != 0 && row._time - skipped - last > longest_gap)
+            skipped = row._time - last - longest_gap / history.step() * history.step();
+        row._time -= skipped;
+        last = row._time;
+        record_on_grid(log, history, device, row);
+        if (once_in(random, 300)) {
+            ASSERT_EQ(
+                0, log.fill_blank_values(
+                       device._device,
+                       row._time + static_cast<time_t>(below(random, 40)) * history.step(), false));
+            time_t latest = 0;
+            ASSERT_EQ(0, log.get_latest_timestamp(device._device, latest));
+            skipped -= latest - last;
+            last = latest;
+        }
+        if (once_in(random, 300)) {
+            CParamProperties& changed = device._params[below(random, device._params.size())];
+            changed._has_min = !changed._has_min;
+            changed._has_max = !changed._has_max;
+            changed._has_sum = true;
+            ASSERT_EQ(0, log.modify_params(device._device, {changed}));
+        }
+        if (once_in(random, 300)) {
+            CParamProperties added;
+            added._path = "added " + std::to_string(i);
+            added._has_max = added._has_actual = true;
+            std::vector<CParamProperties> list = {added};
+            ASSERT_EQ(0, log.add_params(device._device, list));
+        }
+        if (once_in(random, 300)) {
+            ASSERT_EQ(0, log.modify_period(history._periods[below(random, count)]));
+        }
+        if (once_in(random, 400)) {
+            ASSERT_GE(log.clear_trend_data(device._device, {last - CLEARED * history.step(), -1}),
+                      0);
+        }
+        if (once_in(random, 200)) {
+            ASSERT_EQ("", findings(log, last)) << "after row " << i;
+        }
+    }
+    ASSERT_EQ(0, log.end_transaction());
+    EXPECT_EQ("", findings(log, last));
+}
+
+INSTANTIATE_TEST_SUITE_P(seeds, rebuilt_history, testing::Range(1, 41));

@@ -203,6 +203,16 @@ tk_string rolled_up_text(int64_t device, unsigned long fine,
     return text;
 }
 
+tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>& columns)
+{
+    tk_string text = "SELECT ";
+    for (const tk_string& column : columns)
+        append_sql(text, &column == &columns.front() ? "" : ", ", "sum(typeof(", column,
+                   ") NOT IN ('real', 'null'))");
+    append_sql(text, " FROM ", table);
+    return text;
+}
+
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds)
 {
     tk_string text = sql_text("DELETE FROM trends_", device, "_", period);

@@ -53,6 +53,9 @@ tk_string rows_text(int64_t device, unsigned long period,
 tk_string rolled_up_text(int64_t device, unsigned long fine,
                          const std::vector<CParamProperties>& params);
 
+// Counts in each of the columns the rows that have neither a number nor NULL there.
+tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>& columns);
+
 // Deletes the rows within the bounds, which stand in the text.
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds);
 
