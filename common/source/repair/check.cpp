@@ -14,8 +14,9 @@ namespace {
 
 int inspect_log(CInspector& inspector)
 {
-    if (const int ended = inspect_damage(inspector)) return ended;
     if (const int ended = inspect_file(inspector)) return ended;
+    const int damage = inspect_damage(inspector);  // what it cannot read others may
+    if (damage && damage != LEFT_OUT) return damage;
     survey_t survey;
     if (const int ended = inspect_configuration(inspector, survey)) return ended;
     for (const CDeviceProperties& device : survey._devices) {
@@ -87,12 +88,13 @@ int inspect_wal(CInspector& inspector)
 
 int inspect_damage(CInspector& inspector)
 {
-    return inspector.each("PRAGMA integrity_check", "The file", {}, [&](const CStatement& row) {
-        tk_string line = text_of(row, 0);
-        if (line == "ok") return 0;
-        std::replace(line.begin(), line.end(), '\n', ' ');
-        return inspector.found(FINDING_DAMAGE, "SQLite's check says: " + line + ".");
-    });
+    return inspector.each(
+        "PRAGMA integrity_check", "The whole of the file", {}, [&](const CStatement& row) {
+            tk_string line = text_of(row, 0);
+            if (line == "ok") return 0;
+            std::replace(line.begin(), line.end(), '\n', ' ');
+            return inspector.found(FINDING_DAMAGE, "SQLite's check says: " + line + ".");
+        });
 }
 
 int inspect_file(CInspector& inspector)
@@ -101,9 +103,9 @@ int inspect_file(CInspector& inspector)
     int64_t free_pages = 0;
     if (const int ended = read_pragma(inspector, "page_count", pages)) return ended;
     if (const int ended = read_pragma(inspector, "freelist_count", free_pages)) return ended;
-    // Tables that are trimmed leave and use some all the time.
-    constexpr int64_t SHARE = 4;
-    if (free_pages > 0 && free_pages >= pages / SHARE) {
+    // Tables that are trimmed or rebuilt leave some and use them again.
+    constexpr int64_t SHARE = 4, FEW = 16;
+    if (free_pages >= FEW && free_pages >= pages / SHARE) {
         stretch_t stretch;
         stretch._count = static_cast<uint64_t>(free_pages);
         if (const int ended =
@@ -137,7 +139,9 @@ try {
     const int ended = inspect_log(inspector);
     if (ended && ended != LEFT_OUT) return ended == STOPPED ? STOPPED : -1;
 
-    return level.end();
+    // Rolled back: there is nothing to commit, and on a damaged file a COMMIT may fail all the
+    // same.
+    return 0;
 } catch (...) {
     return out_of_memory(CHECK_LOG);
 }

@@ -105,7 +105,7 @@ int CComparison::take(const CStatement& row)
     if (after > previous)
         if (const int ended = count(*_count_measured, previous, after, before)) return ended;
     if (rows + before > _group) {
-        _late.add(time, static_cast<uint64_t>(rows + before - _group));
+        _late.add(time, time, static_cast<uint64_t>(rows + before - _group));
         return 0;
     }
     // Where there are fewer, some have been trimmed or cleared since.

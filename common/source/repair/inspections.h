@@ -17,11 +17,11 @@ struct survey_t {
     std::vector<CDeviceProperties> _devices;
 };
 
-// What SQLite finds.
-int inspect_damage(CInspector& inspector);
-
 // The file: free pages, the write-ahead log.
 int inspect_file(CInspector& inspector);
+
+// What SQLite finds.
+int inspect_damage(CInspector& inspector);
 
 // Periods and devices, and that the file has the tables for them and nothing that forbids them.
 int inspect_configuration(CInspector& inspector, survey_t& survey);

@@ -25,10 +25,11 @@ struct stretch_t {
     int64_t _first = -1;
     int64_t _last = -1;
 
-    void add(int64_t time, uint64_t count = 1)
+    void add(int64_t time) { add(time, time, 1); }
+    void add(int64_t first, int64_t last, uint64_t count)
     {
-        if (_count == 0) _first = time;
-        _last = time;
+        if (_count == 0) _first = first;
+        _last = last;
         _count += count;
     }
 };

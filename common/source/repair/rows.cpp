@@ -33,7 +33,8 @@ public:
         }
         const int64_t interval = interval_of(time, _length);
         if (_last >= 0 && interval - _last > 1)
-            _holes.add((interval - 1) * _length, static_cast<uint64_t>(interval - _last - 1));
+            _holes.add((_last + 1) * _length, (interval - 1) * _length,
+                       static_cast<uint64_t>(interval - _last - 1));
         _last = interval;
         if (time % _length != 0) _off_grid.add(time);
         // A host may be early by a moment.
