@@ -139,26 +139,19 @@ try {
     const int ended = inspect_log(inspector);
     if (ended && ended != LEFT_OUT) return ended == STOPPED ? STOPPED : -1;
 
-    // Rolled back: there is nothing to commit, and on a damaged file a COMMIT may fail all the
-    // same.
-    return 0;
+    // On a damaged file a COMMIT may fail, although there is nothing to commit.
+    return inspector.has_found_damage() ? 0 : level.end();
 } catch (...) {
     return out_of_memory(CHECK_LOG);
 }
 
-constexpr const char* CHECK_LOG_INTO_LIST =
-    "int toolkit::trend::check_log(CLog&, time_t, std::vector<CFinding>&)";
-
 int check_log(CLog& log, time_t now, std::vector<CFinding>& findings)
-try {
-    TREND_SIGNATURE(fn, CHECK_LOG_INTO_LIST);
+{
     findings.clear();
     return check_log(log, now, [&](const CFinding& finding) {
         findings.push_back(finding);
         return true;
     });
-} catch (...) {
-    return out_of_memory(CHECK_LOG_INTO_LIST);
 }
 
 }  // namespace toolkit::trend

@@ -90,6 +90,7 @@ COptVal value_of(const CStatement& row, size_t col)
 int CInspector::found(finding_kind_t kind, const tk_string& text, const place_t& place,
                       const stretch_t& stretch)
 {
+    if (kind == FINDING_DAMAGE) _damage = true;
     const kind_t& known = KINDS[static_cast<size_t>(kind)];
     CFinding finding;
     finding._kind = kind;

@@ -49,6 +49,7 @@ public:
 
     CDatabase& db() { return _db; }
     int64_t now() const { return _now; }
+    bool has_found_damage() const { return _damage; }
 
     // 0, or STOPPED.
     int found(finding_kind_t kind, const tk_string& text, const place_t& place = {},
@@ -85,6 +86,7 @@ private:
     CDatabase& _db;
     const int64_t _now;
     const finding_visitor_t& _visit;
+    bool _damage = false;
 };
 
 }  // namespace toolkit::trend
