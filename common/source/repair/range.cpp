@@ -63,6 +63,8 @@ int CRebuild::find_range(const char* fn)
         first = _newest;
         for (const level_t& level : _levels)
             if (level._oldest >= 0) first = std::min(first, level._oldest);
+        for (const CSnapshot& row : _request._rows)
+            first = std::min(first, int64_t(row._time));
     }
     const int64_t longest = _levels.back()._length;
     _from = boundary_before(first, longest);
