@@ -59,13 +59,16 @@ private:
 int CComparison::run(const tk_string& rows, const tk_string& rolled_up)
 {
     CDatabase& db = _inspector.db();
-    _count = db.stmt("SELECT count(*) FROM " + _fine + " WHERE time > ? AND time <= ?", STMT_FRESH);
+    _count = CThrowing::stmt(db, "SELECT count(*) FROM " + _fine + " WHERE time > ? AND time <= ?",
+                             STMT_FRESH);
     if (!_count) return _inspector.unreadable(_fine, _place);
-    _count_measured = db.stmt("SELECT count(*) FROM " + _fine +
-                                  " WHERE time > ? AND time <= ? AND percent_valid NOT IN (0, 1)",
-                              STMT_FRESH);
+    _count_measured =
+        CThrowing::stmt(db,
+                        "SELECT count(*) FROM " + _fine +
+                            " WHERE time > ? AND time <= ? AND percent_valid NOT IN (0, 1)",
+                        STMT_FRESH);
     if (!_count_measured) return _inspector.unreadable(_fine, _place);
-    _rolled_up = db.stmt(rolled_up, STMT_FRESH);
+    _rolled_up = CThrowing::stmt(db, rolled_up, STMT_FRESH);
     if (!_rolled_up) return _inspector.unreadable(_fine, _place);
     const auto take_row = [&](const CStatement& row) { return take(row); };
     if (const int ended = _inspector.each(rows, _coarse, _place, take_row, int64_t(0)))

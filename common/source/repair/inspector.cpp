@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <new>
 
 #include "database.h"
 #include "trend/values.h"
@@ -76,7 +77,8 @@ int64_t number_of(const CStatement& row, size_t col)
 tk_string text_of(const CStatement& row, size_t col)
 {
     tk_string text;
-    static_cast<void>(row.column(col, text, NULL_OK));
+    // It is a text or NULL, so this can only be the memory for its conversion.
+    if (CThrowing::column(row, col, text, NULL_OK) != 0) throw std::bad_alloc();
     return text;
 }
 

@@ -64,7 +64,7 @@ public:
     int each(const tk_string& sql, const tk_string& what, const place_t& place, const Take& take,
              const Values&... values)
     {
-        const stmt_wrapper_t stmt(_db.stmt(sql, STMT_FRESH));
+        const stmt_wrapper_t stmt(CThrowing::stmt(_db, sql, STMT_FRESH));
         if (!stmt) return unreadable(what, place);
         return step_through(*stmt, what, place, take, values...);
     }

@@ -13,7 +13,7 @@ template <size_t N, typename... Values>
 int read_numbers(CDatabase& db, const tk_string& sql, std::array<int64_t, N>& out,
                  const Values&... values)
 {
-    const stmt_wrapper_t stmt(db.stmt(sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
     if (!stmt) return -1;
     if (const int failed = bind_all(*stmt, values...)) return failed;
     if (stmt->step() < 0) return -1;

@@ -157,7 +157,7 @@ int CRebuild::merge_row(const CSnapshot& row, const tk_string& merging)
         return 0;
     }
 
-    const stmt_wrapper_t stmt(_db.stmt(merging, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(_db, merging, STMT_POOLED));
     if (!stmt) {
         report("Can't prepare SQL (5): '%s'", merging.c_str());
         return -1;
@@ -173,7 +173,7 @@ int CRebuild::has_values(int64_t time, bool& values)
 {
     const tk_string sql =
         rows_text(_request._device._index, _levels.front()._period._period, _params);
-    const stmt_wrapper_t stmt(_db.stmt(sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(_db, sql, STMT_POOLED));
     if (!stmt) return -1;
     if (const int failed = bind_all(*stmt, time - 1)) return failed;
     const int retval = stmt->step();
@@ -225,14 +225,16 @@ int CRebuild::fill_missing()
     const int64_t first = first_to_fill(oldest);
 
     const stmt_wrapper_t blank(
-        _db.stmt(sql_text("INSERT INTO trends_", _request._device._index, "_",
-                          finest._period._period, " (time, percent_valid) VALUES (?,0)"),
-                 STMT_POOLED));
+        CThrowing::stmt(_db,
+                        sql_text("INSERT INTO trends_", _request._device._index, "_",
+                                 finest._period._period, " (time, percent_valid) VALUES (?,0)"),
+                        STMT_POOLED));
     if (!blank) return -1;
-    const stmt_wrapper_t rows(
-        _db.stmt(sql_text("SELECT time FROM trends_", _request._device._index, "_",
-                          finest._period._period, " WHERE time > ? AND time <= ? ORDER BY time"),
-                 STMT_POOLED));
+    const stmt_wrapper_t rows(CThrowing::stmt(
+        _db,
+        sql_text("SELECT time FROM trends_", _request._device._index, "_", finest._period._period,
+                 " WHERE time > ? AND time <= ? ORDER BY time"),
+        STMT_POOLED));
     if (!rows) return -1;
     if (const int failed = bind_all(*rows, first, until)) return failed;
 
