@@ -17,6 +17,7 @@
 #include "sql_reports.h"
 #include "sqlite_watch.h"
 #include "trend_api.h"
+#include "trend_repair.h"
 
 namespace {
 
@@ -117,6 +118,32 @@ const operation_t OPERATIONS[] = {
          return log.remove_params(device("pump", 1),
                                   {stored(1, param("u", "")), stored(2, param("i", ""))});
      }},
+    // Fills a missing minute, replaces a row, and makes both coarse rows anew.
+    {"rebuild",
+     [](CLog& log) {
+         CRebuildRequest request;
+         request._device = device("pump", 1);
+         request._params = {stored(1, param("u", "min avg")), stored(2, param("i", "sum"))};
+         request._replace = true;
+         request._rows.resize(2);
+         for (CSnapshot& row : request._rows) {
+             row._time = 120;
+             row._percent_valid = 50.0;
+             row._samples = {min(7.0), sum(8.0)};
+         }
+         request._rows[1]._time = 30;
+         CRebuildResult result;
+         return rebuild(log, request, result);
+     }},
+    {"rebuild_off_the_grid",
+     [](CLog& log) {
+         CRebuildRequest request;
+         request._device = device("shifted", 3);
+         request._bounds = {700, 900};
+         request._off_grid = OFF_GRID_EXTEND;
+         CRebuildResult result;
+         return rebuild(log, request, result);
+     }},
     {"get_periods",
      [](CLog& log) {
          std::vector<CPeriodProperties> periods;
@@ -138,7 +165,7 @@ const operation_t OPERATIONS[] = {
 };
 
 // More calls of SQLite than any operation here makes.
-constexpr int MANY = 200;
+constexpr int MANY = 400;
 
 // Makes the n-th step (from 1) of any statement fail with code 9, "interrupted". With `drop` the
 // transaction is gone by then too, as after an error of the disk.
@@ -198,6 +225,9 @@ protected:
         ASSERT_EQ(_log.create_param_table(device("bare", 7)), 0);
         for (time_t time = 60; time <= 360; time += 60)
             record(pump, time, {10.0, 1.0});
+        const CDeviceParams shifted = add_device("shifted", {param("u", "avg")});
+        for (const time_t time : {60, 120, 240, 300, 360, 420, 480, 540, 600, 660, 720, 180, 900})
+            record(shifted, time, {double(time)});
         _before = dump();
         _log.close();
         _bytes = file_bytes(_file);

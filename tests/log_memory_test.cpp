@@ -16,6 +16,7 @@
 #include "log_fixture.h"
 #include "rows.h"
 #include "trend_api.h"
+#include "trend_repair.h"
 
 namespace {
 
@@ -56,6 +57,10 @@ const std::string PROPAGATE =
     member("propagate_recent_samples(" + D + ", " + PS +
            ", const std::vector<long unsigned int>&, size_t, " + SS + ")");
 const std::string TRIM = member("trim_period_table(" + D + ", " + P + ", bool)");
+const std::string REBUILD =
+    "int toolkit::trend::rebuild(CLog&, const CRebuildRequest&, CRebuildResult&)";
+const std::string CHECK_LOG =
+    "int toolkit::trend::check_log(CLog&, time_t, const finding_visitor_t&)";
 const std::string LATEST = member("get_latest_timestamp(" + D + ", time_t&)");
 
 CDeviceProperties device(const std::string& path, int64_t index)
@@ -104,6 +109,12 @@ struct arguments_t {
     time_t _newest = 0;
     CDeviceParams _request{_pump, {}};
     CDeviceData _read;
+
+    // A missing first row, the last one of a group.
+    CRebuildRequest _rebuilt{_pump, {-1, 300},       _params, {_fifth_row},
+                             false, OFF_GRID_EXTEND, false,   {}};
+    CRebuildResult _rebuild_result;
+    std::vector<CFinding> _findings;
 };
 
 struct operation_t {
@@ -120,6 +131,18 @@ void PrintTo(const operation_t& operation, std::ostream* out) { *out << operatio
 
 // They run on the log that short_memory::SetUp() makes.
 const operation_t OPERATIONS[] = {
+    {"rebuild",
+     [](CLog& log, arguments_t& a) {
+         a._rebuilt._rows[0]._time = 90;
+         return rebuild(log, a._rebuilt, a._rebuild_result);
+     },
+     REBUILD,
+     {CALC_PERIOD_RATIOS}},
+    {"check_log",
+     [](CLog& log, arguments_t& a) { return check_log(log, 120, a._findings); },
+     CHECK_LOG,
+     {},
+     false},
     {"vacuum", [](CLog& log, arguments_t&) { return log.vacuum(); }, member("vacuum()"), {}, false},
     {"get_periods",
      [](CLog& log, arguments_t& a) { return log.get_periods(a._listed_periods); },

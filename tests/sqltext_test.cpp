@@ -155,6 +155,45 @@ TEST(read_text, filters_by_the_bounds_that_are_given)
               read_text(2, {{15, 10}}, {}, {-1, -1}, true, true, false));
 }
 
+TEST(merge_sample_text, inserts_or_changes_the_named_columns)
+{
+    EXPECT_EQ(
+        "INSERT INTO trends_4_1 (time, percent_valid, param_1_min, param_1_max, param_2_sum) "
+        "VALUES (?,?,?,?,?) ON CONFLICT (time) DO UPDATE SET percent_valid = "
+        "excluded.percent_valid, param_1_min = excluded.param_1_min, param_1_max = "
+        "excluded.param_1_max, param_2_sum = excluded.param_2_sum",
+        merge_sample_text(4, 1, {param(1, "min max"), param(2, "sum")}));
+}
+
+TEST(rows_text, names_the_columns_in_table_order)
+{
+    EXPECT_EQ(
+        "SELECT time, percent_valid, param_1_min, param_1_max, param_2_sum FROM trends_4_15 WHERE "
+        "time > ? ORDER BY time",
+        rows_text(4, 15, {param(1, "min max"), param(2, "sum")}));
+    EXPECT_EQ("SELECT time, percent_valid FROM trends_4_15 WHERE time > ? ORDER BY time",
+              rows_text(4, 15, {}));
+}
+
+TEST(rolled_up_text, computes_what_the_roll_up_inserts)
+{
+    const std::vector<CParamProperties> params = {param(1, "min max avg actual sum"),
+                                                  param(2, "min avg actual", SAMPLE_TYPE_PF)};
+    const std::string roll_up = roll_up_text(4, 1, 15, 15, params);
+    const size_t select = roll_up.find("SELECT");
+    EXPECT_EQ(roll_up.substr(select, roll_up.find(" FROM (") - select) +
+                  " FROM trends_4_1 WHERE time > ? AND time <= ?",
+              rolled_up_text(4, 1, params));
+}
+
+TEST(wrong_types_text, counts_in_each_column)
+{
+    EXPECT_EQ(
+        "SELECT sum(typeof(param_1_min) NOT IN ('real', 'null')), sum(typeof(param_2_sum) NOT IN "
+        "('real', 'null')) FROM trends_4_15",
+        wrong_types_text("trends_4_15", {"param_1_min", "param_2_sum"}));
+}
+
 TEST(clear_text, carries_the_bounds_as_numbers)
 {
     EXPECT_EQ("DELETE FROM trends_4_15 WHERE time >= 1000 AND time <= 2000",

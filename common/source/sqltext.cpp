@@ -50,6 +50,22 @@ void append_roll_up(tk_string& text, const CParamProperties& param, const aggreg
         append_sql(text, ", ", prefix, name, "(param_", param._index, "_", name, ")");
 }
 
+// What all of the parameter's columns are made of.
+void append_roll_up(tk_string& text, const CParamProperties& param)
+{
+    for (const aggregate_t& aggregate : AGGREGATES)
+        if (param.*aggregate._kept) append_roll_up(text, param, aggregate);
+}
+
+// ", param_7_min, param_7_max".
+void append_columns(tk_string& text, const std::vector<CParamProperties>& params)
+{
+    const size_t start = text.size();
+    text.resize(start + columns_size(params));
+    const char* end = write_columns(text.data() + start, params);
+    text.resize(static_cast<size_t>(end - text.data()));
+}
+
 }  // namespace
 
 tk_string create_trend_table_text(int64_t device, unsigned long period,
@@ -94,8 +110,7 @@ tk_string roll_up_text(int64_t device, unsigned long fine, unsigned long coarse,
                " SELECT max(time), avg(percent_valid)");
     for (size_t i = 0; i < params.size(); ++i) {
         TREND_ASSERT(params[i]._index>=0);
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (params[i].*aggregate._kept) append_roll_up(text, params[i], aggregate);
+        append_roll_up(text, params[i]);
     }
     append_sql(text, " FROM (SELECT * FROM trends_", device, "_", fine, " WHERE time >= ? LIMIT ",
                ratio, " OFFSET ?)");
@@ -153,6 +168,48 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
     }
     append_sql(text, "ORDER BY time ", ascending ? "ASC" : "DESC", " LIMIT ?");
     if (has_offset) append_sql(text, " OFFSET ?");
+    return text;
+}
+
+tk_string merge_sample_text(int64_t device, unsigned long period,
+                            const std::vector<CParamProperties>& params)
+{
+    tk_string text = insert_sample_text(device, period, params);
+    append_sql(text, " ON CONFLICT (time) DO UPDATE SET percent_valid = excluded.percent_valid");
+    for (const CParamProperties& param : params)
+        for (const tk_string& name : column_list(param))
+            append_sql(text, ", ", name, " = excluded.", name);
+    return text;
+}
+
+tk_string rows_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>& params)
+{
+    tk_string text = "SELECT time, percent_valid";
+    append_columns(text, params);
+    append_sql(text, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
+    return text;
+}
+
+tk_string rolled_up_text(int64_t device, unsigned long fine,
+                         const std::vector<CParamProperties>& params)
+{
+    tk_string text;
+    reserve_for_columns(text, params);
+    append_sql(text, "SELECT max(time), avg(percent_valid)");
+    for (const CParamProperties& param : params)
+        append_roll_up(text, param);
+    append_sql(text, " FROM trends_", device, "_", fine, " WHERE time > ? AND time <= ?");
+    return text;
+}
+
+tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>& columns)
+{
+    tk_string text = "SELECT ";
+    for (const tk_string& column : columns)
+        append_sql(text, &column == &columns.front() ? "" : ", ", "sum(typeof(", column,
+                   ") NOT IN ('real', 'null'))");
+    append_sql(text, " FROM ", table);
     return text;
 }
 

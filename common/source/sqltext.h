@@ -39,6 +39,23 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
                     const std::vector<CParamProperties>& params, const timebounds_t& bounds,
                     bool no_overlap, bool ascending, bool has_offset);
 
+// Inserts a row as insert_sample_text() does, with its placeholders, or gives the one that has its
+// time these values.
+tk_string merge_sample_text(int64_t device, unsigned long period,
+                            const std::vector<CParamProperties>& params);
+
+// Reads the rows after a time, oldest first. Columns: time, percent_valid, then the parameters'.
+tk_string rows_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>& params);
+
+// Computes the coarse row of the fine rows after one time and up to another, with the columns of
+// rows_text().
+tk_string rolled_up_text(int64_t device, unsigned long fine,
+                         const std::vector<CParamProperties>& params);
+
+// Counts in each of the columns the rows that have neither a number nor NULL there.
+tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>& columns);
+
 // Deletes the rows within the bounds, which stand in the text.
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds);
 

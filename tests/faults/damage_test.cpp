@@ -17,6 +17,7 @@
 #include "disk.h"
 #include "scenario.h"
 #include "sweep.h"
+#include "trend_repair.h"
 #include "workers.h"
 
 using namespace toolkit::trend;
@@ -99,6 +100,8 @@ void use(CLog& log, bool wal)
 {
     if (log.open(LOG_FILE, false, true, 20, false, 1024, 0, 0, wal) != 0) return;
     log.checkpoint_config(4);
+    std::vector<CFinding> findings;
+    check_log(log, 100000, findings);
     std::vector<CPeriodProperties> periods;
     std::vector<CDeviceProperties> devices;
     if (log.get_periods(periods) != 0) periods.clear();
@@ -135,6 +138,11 @@ void use(CLog& log, bool wal)
             log.modify_params(device, params);
             log.remove_params(device, params);
         }
+        CRebuildRequest request;
+        request._device = device;
+        request._off_grid = OFF_GRID_EXTEND;
+        CRebuildResult result;
+        rebuild(log, request, result);
         log.clear_trend_data(device, {300, 900});
     }
 

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "trend_repair.h"
+
 using namespace toolkit::trend;
 
 namespace recorder {
@@ -103,7 +105,18 @@ CSnapshot snapshot_of(size_t minute)
 
 int record(CLog& log, const CDeviceParams& data, size_t minute)
 {
-    return log.add_trend_data(data, snapshot_of(minute));
+    // Every tenth minute the last ones are made anew along with it, which changes nothing.
+    if (minute % 10 != 0) return log.add_trend_data(data, snapshot_of(minute));
+    CRebuildRequest request;
+    request._device = data._device;
+    request._bounds = {static_cast<time_t>(minute - 10) * 60, -1};
+    CRebuildResult result;
+    if (const int failed = log.begin_transaction()) return failed;
+    int failed = log.add_trend_data(data, snapshot_of(minute));
+    if (!failed) failed = rebuild(log, request, result);
+    if (!failed) return log.end_transaction();
+    log.rollback_transaction();
+    return failed;
 }
 
 long newest(CLog& log, const CDeviceParams& data)
@@ -118,6 +131,15 @@ std::string wrong_rows(CLog& log, const CDeviceParams& data)
     CDeviceData found;
     if (log.get_trend_data(found, data, PERIODS, {-1, -1}, 0, 0, true, false) != 0)
         return "can't be read";
+
+    constexpr time_t MUCH_LATER = 1000000000;
+    std::string warnings;
+    const finding_visitor_t take = [&](const CFinding& finding) {
+        if (finding._severity != SEVERITY_INFORMATION) warnings += finding._text;
+        return true;
+    };
+    if (check_log(log, MUCH_LATER, take) != 0) return "can't be checked";
+    if (!warnings.empty()) return warnings;
 
     std::map<long, std::vector<long>> minutes;
     for (const CSnapshot& row : found._snapshots) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "memory.h"
+#include "trend_repair.h"
 
 using namespace toolkit::trend;
 
@@ -233,6 +234,45 @@ answer_t read_rows(CLog& log, bool no_overlap)
 // Lists parameters and periods before it reads.
 answer_t read_all_rows(CLog& log) { return read_rows(log, {}, {}, false); }
 
+// What a check finds. One that finds damage has met the fault: it is not the whole check.
+answer_t check(CLog& log)
+{
+    std::vector<CFinding> findings;
+    const int code = check_log(log, LAST_ROW, findings);
+    const memory::unfailing ours;
+    answer_t answer = {code, ""};
+    for (const CFinding& finding : findings) {
+        if (finding._kind == FINDING_DAMAGE) answer._code = -1;
+        answer._text += finding._text + "\n";
+    }
+    return answer;
+}
+
+// Replaces a row and makes the coarse ones anew.
+answer_t rebuild_pump(CLog& log, bool dry_run)
+{
+    CRebuildRequest request;
+    {
+        const memory::unfailing ours;
+        request._device = pump();
+        request._params = pump_params();
+        request._bounds = {20 * 60, 20 * 60};
+        request._rows.resize(1);
+        request._rows[0]._time = 20 * 60;
+        request._rows[0]._percent_valid = 50.0;
+        request._rows[0]._samples.assign(request._params.size(), CSample{9, 9, 0.5, 0.5, 9});
+        request._replace = true;
+        request._dry_run = dry_run;
+    }
+    CRebuildResult result;
+    const int code = rebuild(log, request, result);
+    const memory::unfailing ours;
+    return {code, code != 0 ? ""
+                            : std::to_string(result._replaced) + " " +
+                                  std::to_string(result._recomputed) + " " +
+                                  std::to_string(result._kept)};
+}
+
 template <typename Record>
 answer_t listed(int code, const std::vector<Record>& records)
 {
@@ -403,6 +443,16 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) {
          return answer_t{log.clear_trend_data(pump(), {-1, -1}), ""};
      }},
+
+    {"rebuild", step_t::LOG, step_t::NO_TRAITS, 0,
+     [](CLog& log, const setting_t&) { return rebuild_pump(log, false); }},
+    {"rebuild as a dry run", step_t::LOG, step_t::ROLLS_BACK, 0,
+     [](CLog& log, const setting_t&) { return rebuild_pump(log, true); }},
+
+    {"check_log", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) { return check(log); }},
+    {"check_log to read only", step_t::LOG, step_t::READS | step_t::READ_ONLY, 0,
+     [](CLog& log, const setting_t&) { return check(log); }},
 
     {"get_trend_data", step_t::LOG, step_t::LOOKS, 0,
      [](CLog& log, const setting_t&) { return read_rows(log, false); }},

@@ -32,6 +32,7 @@ using ::tk_string;
 class CDatabase;
 class CStatement;
 class CTransaction;
+struct log_access_t;
 
 // Records --------------------------------------------------------------------------------------
 
@@ -472,6 +473,8 @@ private:
                               std::vector<long long>& upper_bounds);
 
     int clear_rows(const CDeviceProperties& device, const timebounds_t& bounds, time_t& latest);
+
+    friend struct log_access_t;  // what stands beside the log works over its connection
 
     std::shared_ptr<CDatabase> _db;  // empty while the log is closed
 };
