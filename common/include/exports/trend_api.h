@@ -31,6 +31,7 @@ using ::tk_string;
 
 class CDatabase;
 class CStatement;
+struct log_access_t;
 
 // Records --------------------------------------------------------------------------------------
 
@@ -435,6 +436,8 @@ public:
                           bool keep_spare);
 
 private:
+    friend struct log_access_t;  // what stands beside the log works over its connection
+
     int init_basic_tables();
     int check_db_version();
     int migrate_schema_0_to_1();
