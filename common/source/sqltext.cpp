@@ -156,6 +156,40 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
     return text;
 }
 
+tk_string scan_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>* params)
+{
+    tk_string text(FIXED_SIZE + (params ? columns_size(*params) : 0), '\0');
+    char* out = write_pieces(text.data(), "SELECT time");
+    if (params) out = write_columns(write_piece(out, ", percent_valid"), *params);
+    out = write_pieces(out, " FROM trends_", device, "_", period,
+                       " WHERE time >= coalesce((SELECT max(time) FROM trends_", device, "_",
+                       period, " WHERE time <= ?), ?) ORDER BY time");
+    text.resize(static_cast<size_t>(out - text.data()));
+    return text;
+}
+
+tk_string coverage_text(int64_t device, unsigned long period,
+                        const std::vector<CParamProperties>& params)
+{
+    // By so many columns, since SQLite limits the arguments of a function and the depth of an
+    // expression. coalesce() wants two arguments at least.
+    constexpr size_t GROUP = 90;
+    tk_string text = "SELECT time, percent_valid, 0";
+    size_t count = 0;
+    for (const CParamProperties& param : params)
+        for (const tk_string& name : column_list(param)) {
+            if (count % GROUP == 0)
+                append_sql(text, count == 0 ? "" : ") IS NOT NULL", " OR coalesce(NULL");
+            append_sql(text, ", ", name);
+            ++count;
+        }
+    if (count != 0) append_sql(text, ") IS NOT NULL");
+    append_sql(text, " FROM trends_", device, "_", period,
+               " WHERE time >= ? AND time <= ? ORDER BY time");
+    return text;
+}
+
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds)
 {
     tk_string text = sql_text("DELETE FROM trends_", device, "_", period);

@@ -39,6 +39,17 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
                     const std::vector<CParamProperties>& params, const timebounds_t& bounds,
                     bool no_overlap, bool ascending, bool has_offset);
 
+// Reads one table from a time on, ascending, beginning with the row at or before it if there is
+// one. Columns: time, and with `params` percent_valid and the parameters' columns. Placeholders:
+// the time, twice.
+tk_string scan_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>* params);
+
+// Reads one table's times within bounds, ascending. Columns: time, percent_valid, and whether the
+// row has any value. Placeholders: the bounds.
+tk_string coverage_text(int64_t device, unsigned long period,
+                        const std::vector<CParamProperties>& params);
+
 // Deletes the rows within the bounds, which stand in the text.
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds);
 

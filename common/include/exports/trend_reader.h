@@ -54,7 +54,7 @@ struct CExtremes {
 struct CCoverage {
     CPeriodProperties _period;
     int64_t _rows = 0;
-    int64_t _blank_rows = 0;      // without any value
+    int64_t _blank_rows = 0;      // without any value of the parameters
     int64_t _holes = 0;           // stretches without a row between the first row and the last
     time_t _start = -1;           // where the first row's interval begins; -1 without rows
     time_t _first = -1;           // time of the first row; -1 without rows
@@ -145,8 +145,7 @@ public:
     int extremes(const CReadRequest& request, std::vector<CExtremes>& extremes);
 
     // What each of the device's tables holds, finest period first: the rows whose time is within
-    // the window. The parameters of the request are not used. Replaces what `coverage` holds; after
-    // a failure it must not be used.
+    // the window. Replaces what `coverage` holds; after a failure it must not be used.
     int coverage(const CReadRequest& request, std::vector<CCoverage>& coverage);
 
     // The newest row of every device that has parameters and rows, of all its periods, the finest
