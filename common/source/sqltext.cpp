@@ -162,9 +162,7 @@ tk_string scan_text(int64_t device, unsigned long period,
     tk_string text(FIXED_SIZE + (params ? columns_size(*params) : 0), '\0');
     char* out = write_pieces(text.data(), "SELECT time");
     if (params) out = write_columns(write_piece(out, ", percent_valid"), *params);
-    out = write_pieces(out, " FROM trends_", device, "_", period,
-                       " WHERE time >= coalesce((SELECT max(time) FROM trends_", device, "_",
-                       period, " WHERE time <= ?), ?) ORDER BY time");
+    out = write_pieces(out, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
     text.resize(static_cast<size_t>(out - text.data()));
     return text;
 }

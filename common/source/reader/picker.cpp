@@ -17,8 +17,7 @@ picker_t::picker_t(CDatabase& db, int64_t device, const std::vector<CPeriodPrope
 {
     for (const CPeriodProperties& period : periods) {
         _rows.emplace_back(db, device, period, &params);
-        _scouts.emplace_back(db, device, period, nullptr);
-        _probes.emplace_back(db, device, period, nullptr);
+        _times.emplace_back(db, device, period, nullptr);
     }
 }
 
@@ -27,13 +26,13 @@ int picker_t::start(int64_t moment)
     _begin = moment;
     std::fill(_layers.begin(), _layers.end(), layer_t());
     for (size_t layer = _layers.size() - 1; layer > 0; --layer) {
-        scan_t& scout = _scouts[layer - 1];
-        if (const int failed = scout.look(moment)) return failed;
+        scan_t& row = scout(layer);
+        if (const int failed = row.look(moment)) return failed;
         // A row that has begun before is clipped and takes places from its own beginning on.
-        if (scout.found() && scout.start() < moment && !is_inside(scout)) {
+        if (row.found() && row.start() < moment && !is_inside(row)) {
             bool counts = false;
-            if (const int failed = judge(layer, scout, counts)) return failed;
-            if (counts) moment = scout.start();
+            if (const int failed = judge(layer, row, counts)) return failed;
+            if (counts) moment = row.start();
         }
         _layers[layer]._position = _layers[layer]._run_start = moment;
     }
@@ -62,7 +61,7 @@ int picker_t::pull(size_t number, bool& found, piece_t& piece)
     while (layer._has_below && layer._below._end <= layer._position);
 
     bool other = false;
-    if (!hides(layer, _scouts[number - 1].length()))
+    if (!hides(layer, _times[number - 1].length()))
         if (const int failed = find_other(number, other, piece)) return failed;
 
     if (!other) {
@@ -106,7 +105,7 @@ int picker_t::pull_inside(bool& found, piece_t& piece)
         int64_t change = NEVER;
         for (size_t period = _rows.size(); period-- > 0;) {
             scan_t& row = _rows[period];
-            if (row.length() > _buckets->longest()) continue;
+            if (!may_be_inside(row)) continue;
             if (const int failed = row.look(_position)) return failed;
             if (!row.found()) continue;
             if (row.start() > _position) {
@@ -131,25 +130,40 @@ int picker_t::pull_inside(bool& found, piece_t& piece)
 int picker_t::find_other(size_t number, bool& found, piece_t& piece)
 {
     const layer_t& layer = _layers[number];
-    scan_t& scout = _scouts[number - 1];
+    scan_t& row = scout(number);
     int64_t moment = std::max(layer._position, layer._given);
-    for (;; moment = scout.time()) {
-        if (const int failed = scout.look(moment)) return failed;
-        if (!scout.found()) return 0;
-        if (layer._has_below && scout.start() > layer._below._start) return 0;
-        if (is_inside(scout)) continue;
-        if (const int failed = judge(number, scout, found)) return failed;
-        if (!found) continue;
-        piece = {number - 1, scout.start(), scout.time(), std::max(scout.start(), layer._position),
-                 scout.time()};
-        return 0;
+    for (;; moment = row.time()) {
+        if (const int failed = row.look(moment)) return failed;
+        if (!row.found()) return 0;
+        if (layer._has_below && row.start() > layer._below._start) return 0;
+        if (!is_inside(row))
+            if (const int failed = judge(number, row, found)) return failed;
+        if (found) {
+            piece = {number - 1, row.start(), row.time(), std::max(row.start(), layer._position),
+                     row.time()};
+            return 0;
+        }
+        // The one after it would begin too late. The scan stays where it is needed again.
+        if (layer._has_below && row.time() > layer._below._start) return 0;
     }
+}
+
+// Where a layer looks for its rows. Those of a period that layer 0 gives too are looked at there:
+// mostly at the same row, and one statement less is prepared.
+scan_t& picker_t::scout(size_t number)
+{
+    scan_t& rows = _rows[number - 1];
+    return may_be_inside(rows) ? rows : _times[number - 1];
+}
+
+bool picker_t::may_be_inside(const scan_t& row) const
+{
+    return _buckets && row.length() <= _buckets->longest();
 }
 
 bool picker_t::is_inside(const scan_t& row) const
 {
-    return _buckets && row.length() <= _buckets->longest() &&
-           _buckets->hold(row.start(), row.time());
+    return may_be_inside(row) && _buckets->hold(row.start(), row.time());
 }
 
 // Whether the layer's next piece from below goes on without a gap, so long before and so far that
@@ -167,7 +181,7 @@ int picker_t::judge(size_t number, const scan_t& row, bool& counts)
     layer_t& layer = _layers[number];
     if (layer._judged != row.time()) {
         bool covered = false;
-        if (const int failed = covers(number - 1, _probes.size(), row.start(), row.time(), covered))
+        if (const int failed = covers(number - 1, _times.size(), row.start(), row.time(), covered))
             return failed;
         layer._judged = row.time();
         layer._counts = !covered;
@@ -183,13 +197,12 @@ int picker_t::covers(size_t period, size_t below, int64_t start, int64_t end, bo
 {
     covered = start >= end;
     // Its own period covers nothing of it, and a coarser one only with what lies inside a bucket.
-    while (below > 0 && (below - 1 == period ||
-                         (below - 1 > period &&
-                          (!_buckets || _probes[below - 1].length() > _buckets->longest()))))
+    while (below > 0 &&
+           (below - 1 == period || (below - 1 > period && !may_be_inside(_times[below - 1]))))
         --below;
     if (covered || below == 0) return 0;
 
-    scan_t& probe = _probes[below - 1];
+    scan_t& probe = _times[below - 1];
     int64_t moment = start;
     while (!covered) {
         if (const int failed = probe.look(moment)) return failed;

@@ -66,15 +66,16 @@ private:
     int pull_below(size_t layer);
     int find_other(size_t layer, bool& found, piece_t& piece);
 
+    bool may_be_inside(const scan_t& row) const;
     bool is_inside(const scan_t& row) const;
+    scan_t& scout(size_t layer);
     bool hides(const layer_t& layer, int64_t length) const;
     int judge(size_t layer, const scan_t& row, bool& counts);
     int covers(size_t period, size_t below, int64_t start, int64_t end, bool& covered);
 
     const buckets_t* const _buckets;
-    std::deque<scan_t> _rows;    // whole rows: layer 0, and those that are taken
-    std::deque<scan_t> _scouts;  // times, where the layers are
-    std::deque<scan_t> _probes;  // times, wherever it is asked whether something is covered
+    std::deque<scan_t> _rows;   // whole rows: those that are taken, and where layer 0 is
+    std::deque<scan_t> _times;  // wherever no values are needed
     std::vector<layer_t> _layers;
     int64_t _position = 0;  // of layer 0
     int64_t _begin = 0;

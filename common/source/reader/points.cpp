@@ -140,6 +140,7 @@ private:
 int close_window(CDatabase& db, const subject_t& subject, window_t& window,
                  const timebounds_t& bounds)
 {
+    if (bounds.first != -1 && bounds.second != -1) return 0;
     int64_t first = std::numeric_limits<int64_t>::max();
     int64_t last = -1;
     for (const CPeriodProperties& period : subject._periods) {

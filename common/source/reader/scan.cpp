@@ -11,7 +11,7 @@ namespace toolkit::trend {
 
 namespace {
 
-constexpr int64_t EARLIEST = -1;  // no row that a log has recorded is older
+constexpr int64_t EARLIEST = -1;  // rows are later
 constexpr int64_t NO_ROW_BEFORE = std::numeric_limits<int64_t>::min();
 
 }  // namespace
@@ -44,11 +44,15 @@ int scan_t::look(int64_t moment)
 
 int scan_t::seek(int64_t moment)
 {
+    // From so far back that the row before is seen where it takes something of the row's interval.
+    const int64_t from = std::max(moment - _length, EARLIEST);
     if (const int failed = _stmt->reset()) return failed;
-    if (const int failed = bind_all(*_stmt, moment, moment)) return failed;
-    _previous = _time = NO_ROW_BEFORE;
-    if (const int failed = step()) return failed;
-    return _found && _time <= moment ? step() : 0;
+    if (const int failed = bind_all(*_stmt, from)) return failed;
+    _time = from == EARLIEST ? NO_ROW_BEFORE : from;
+    do
+        if (const int failed = step()) return failed;
+    while (_found && _time <= moment);
+    return 0;
 }
 
 int scan_t::step()

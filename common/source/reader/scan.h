@@ -42,7 +42,7 @@ private:
     stmt_wrapper_t _stmt;  // empty before the first look
 
     bool _found = false;
-    int64_t _previous = 0;  // time of the row before; as early as can be when there is none
+    int64_t _previous = 0;  // time of the row before, or of none as early as matters
     int64_t _time = 0;
 };
 
