@@ -155,6 +155,34 @@ TEST(read_text, filters_by_the_bounds_that_are_given)
               read_text(2, {{15, 10}}, {}, {-1, -1}, true, true, false));
 }
 
+TEST(scan_text, reads_times_alone_or_whole_rows)
+{
+    EXPECT_EQ("SELECT time FROM trends_2_15 WHERE time > ? ORDER BY time",
+              scan_text(2, 15, nullptr));
+    const std::vector<CParamProperties> params = {param(3, "min avg"), param(7, "sum")};
+    EXPECT_EQ(
+        "SELECT time, percent_valid, param_3_min, param_3_avg, param_7_sum FROM trends_2_15 "
+        "WHERE time > ? ORDER BY time",
+        scan_text(2, 15, &params));
+}
+
+TEST(coverage_text, asks_for_any_value_in_groups_that_sqlite_takes)
+{
+    EXPECT_EQ(
+        "SELECT time, percent_valid, 0 OR coalesce(NULL, param_3_min, param_3_avg) IS NOT "
+        "NULL FROM trends_2_15 WHERE time >= ? AND time <= ? ORDER BY time",
+        coverage_text(2, 15, {param(3, "min avg")}));
+    EXPECT_EQ(
+        "SELECT time, percent_valid, 0 FROM trends_2_15 WHERE time >= ? AND time <= ? ORDER "
+        "BY time",
+        coverage_text(2, 15, {}));
+
+    std::vector<CParamProperties> params(91, param(3, "min"));
+    const std::string text = coverage_text(2, 15, params);
+    EXPECT_NE(std::string::npos, text.find(", param_3_min) IS NOT NULL OR coalesce(NULL, "
+                                           "param_3_min) IS NOT NULL FROM"));
+}
+
 TEST(clear_text, carries_the_bounds_as_numbers)
 {
     EXPECT_EQ("DELETE FROM trends_4_15 WHERE time >= 1000 AND time <= 2000",
