@@ -25,6 +25,7 @@
 #include "library_side.h"
 #include "meter.h"
 #include "plant.h"
+#include "reader_bench.h"
 #ifdef TREND_BENCH_RRD
 #include "rrd_side.h"
 #endif
@@ -535,6 +536,8 @@ void add_all()
                                  reading_t{"read_8_day", {1, 8}, 1, true, false, 20},
                                  reading_t{"read_100_day", {1, 100}, 1, true, false, 4}})
         add_sides(job, run_reading<library_side>, run_reading<floor_side>);
+
+    add_reader_benchmarks(brief, add);
 }
 
 }  // namespace

@@ -165,16 +165,6 @@ TEST(merge_sample_text, inserts_or_changes_the_named_columns)
         merge_sample_text(4, 1, {param(1, "min max"), param(2, "sum")}));
 }
 
-TEST(rows_text, names_the_columns_in_table_order)
-{
-    EXPECT_EQ(
-        "SELECT time, percent_valid, param_1_min, param_1_max, param_2_sum FROM trends_4_15 WHERE "
-        "time > ? ORDER BY time",
-        rows_text(4, 15, {param(1, "min max"), param(2, "sum")}));
-    EXPECT_EQ("SELECT time, percent_valid FROM trends_4_15 WHERE time > ? ORDER BY time",
-              rows_text(4, 15, {}));
-}
-
 TEST(rolled_up_text, computes_what_the_roll_up_inserts)
 {
     const std::vector<CParamProperties> params = {param(1, "min max avg actual sum"),
@@ -192,6 +182,34 @@ TEST(wrong_types_text, counts_in_each_column)
         "SELECT sum(typeof(param_1_min) NOT IN ('real', 'null')), sum(typeof(param_2_sum) NOT IN "
         "('real', 'null')) FROM trends_4_15",
         wrong_types_text("trends_4_15", {"param_1_min", "param_2_sum"}));
+}
+
+TEST(scan_text, reads_times_alone_or_whole_rows)
+{
+    EXPECT_EQ("SELECT time FROM trends_2_15 WHERE time > ? ORDER BY time",
+              scan_text(2, 15, nullptr));
+    const std::vector<CParamProperties> params = {param(3, "min avg"), param(7, "sum")};
+    EXPECT_EQ(
+        "SELECT time, percent_valid, param_3_min, param_3_avg, param_7_sum FROM trends_2_15 "
+        "WHERE time > ? ORDER BY time",
+        scan_text(2, 15, &params));
+}
+
+TEST(coverage_text, asks_for_any_value_in_groups_that_sqlite_takes)
+{
+    EXPECT_EQ(
+        "SELECT time, percent_valid, 0 OR coalesce(NULL, param_3_min, param_3_avg) IS NOT "
+        "NULL FROM trends_2_15 WHERE time >= ? AND time <= ? ORDER BY time",
+        coverage_text(2, 15, {param(3, "min avg")}));
+    EXPECT_EQ(
+        "SELECT time, percent_valid, 0 FROM trends_2_15 WHERE time >= ? AND time <= ? ORDER "
+        "BY time",
+        coverage_text(2, 15, {}));
+
+    std::vector<CParamProperties> params(91, param(3, "min"));
+    const std::string text = coverage_text(2, 15, params);
+    EXPECT_NE(std::string::npos, text.find(", param_3_min) IS NOT NULL OR coalesce(NULL, "
+                                           "param_3_min) IS NOT NULL FROM"));
 }
 
 TEST(clear_text, carries_the_bounds_as_numbers)

@@ -182,15 +182,6 @@ tk_string merge_sample_text(int64_t device, unsigned long period,
     return text;
 }
 
-tk_string rows_text(int64_t device, unsigned long period,
-                    const std::vector<CParamProperties>& params)
-{
-    tk_string text = "SELECT time, percent_valid";
-    append_columns(text, params);
-    append_sql(text, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
-    return text;
-}
-
 tk_string rolled_up_text(int64_t device, unsigned long fine,
                          const std::vector<CParamProperties>& params)
 {
@@ -210,6 +201,38 @@ tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>&
         append_sql(text, &column == &columns.front() ? "" : ", ", "sum(typeof(", column,
                    ") NOT IN ('real', 'null'))");
     append_sql(text, " FROM ", table);
+    return text;
+}
+
+tk_string scan_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>* params)
+{
+    tk_string text(FIXED_SIZE + (params ? columns_size(*params) : 0), '\0');
+    char* out = write_pieces(text.data(), "SELECT time");
+    if (params) out = write_columns(write_piece(out, ", percent_valid"), *params);
+    out = write_pieces(out, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
+    text.resize(static_cast<size_t>(out - text.data()));
+    return text;
+}
+
+tk_string coverage_text(int64_t device, unsigned long period,
+                        const std::vector<CParamProperties>& params)
+{
+    // By so many columns, since SQLite limits the arguments of a function and the depth of an
+    // expression. coalesce() wants two arguments at least.
+    constexpr size_t GROUP = 90;
+    tk_string text = "SELECT time, percent_valid, 0";
+    size_t count = 0;
+    for (const CParamProperties& param : params)
+        for (const tk_string& name : column_list(param)) {
+            if (count % GROUP == 0)
+                append_sql(text, count == 0 ? "" : ") IS NOT NULL", " OR coalesce(NULL");
+            append_sql(text, ", ", name);
+            ++count;
+        }
+    if (count != 0) append_sql(text, ") IS NOT NULL");
+    append_sql(text, " FROM trends_", device, "_", period,
+               " WHERE time >= ? AND time <= ? ORDER BY time");
     return text;
 }
 

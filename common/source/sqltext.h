@@ -44,17 +44,23 @@ tk_string read_text(int64_t device, const std::vector<CPeriodProperties>& period
 tk_string merge_sample_text(int64_t device, unsigned long period,
                             const std::vector<CParamProperties>& params);
 
-// Reads the rows after a time, oldest first. Columns: time, percent_valid, then the parameters'.
-tk_string rows_text(int64_t device, unsigned long period,
-                    const std::vector<CParamProperties>& params);
-
 // Computes the coarse row of the fine rows after one time and up to another, with the columns of
-// rows_text().
+// scan_text().
 tk_string rolled_up_text(int64_t device, unsigned long fine,
                          const std::vector<CParamProperties>& params);
 
 // Counts in each of the columns the rows that have neither a number nor NULL there.
 tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>& columns);
+
+// Reads one table after a time, oldest row first. Columns: time, and with `params` percent_valid
+// and the parameters' columns. Placeholder: the time.
+tk_string scan_text(int64_t device, unsigned long period,
+                    const std::vector<CParamProperties>* params);
+
+// Reads one table's times within bounds, ascending. Columns: time, percent_valid, and whether the
+// row has any value. Placeholders: the bounds.
+tk_string coverage_text(int64_t device, unsigned long period,
+                        const std::vector<CParamProperties>& params);
 
 // Deletes the rows within the bounds, which stand in the text.
 tk_string clear_text(int64_t device, unsigned long period, const timebounds_t& bounds);

@@ -11,6 +11,7 @@ that no time is compared with runs once for that.
 import argparse
 import collections
 import json
+import os
 import statistics
 import subprocess
 import sys
@@ -68,6 +69,32 @@ PAIRS = [
      "cpu", 0.60),
     ("the same, SQLite without locks", "record_1x8_commit_each_no_locks/library",
      "record_1x8_rrd/librrd", "cpu", None),
+    ("points of everything in 100", "points_span_100/library",
+     "points_span_100/floor", "cpu", 1.30),
+    ("points of everything in 1,000", "points_span_1000/library",
+     "points_span_1000/floor", "cpu", 1.30),
+    ("points of everything in 10,000", "points_span_10000/library",
+     "points_span_10000/floor", "cpu", 1.30),
+    ("points of a month in 100", "points_month_100/library",
+     "points_month_100/floor", "cpu", 1.30),
+    ("points of a month in 1,000", "points_month_1000/library",
+     "points_month_1000/floor", "cpu", 1.30),
+    ("points of a month in 10,000", "points_month_10000/library",
+     "points_month_10000/floor", "cpu", 1.30),
+    ("points of a day in 100", "points_day_100/library",
+     "points_day_100/floor", "cpu", 1.30),
+    ("points of a day in 1,000", "points_day_1000/library",
+     "points_day_1000/floor", "cpu", 1.30),
+    ("points of a day in 10,000", "points_day_10000/library",
+     "points_day_10000/floor", "cpu", 1.30),
+    ("points of an hour in 100", "points_hour_100/library",
+     "points_hour_100/floor", "cpu", 1.30),
+    ("points of an hour in 1,000", "points_hour_1000/library",
+     "points_hour_1000/floor", "cpu", 1.30),
+    ("points of an hour in 10,000", "points_hour_10000/library",
+     "points_hour_10000/floor", "cpu", 1.30),
+    ("rows of a year of minutes, one at a time", "rows_minutes/library", "rows_minutes/floor",
+     "cpu", 1.00),
     ("100x8, a durable minute, against librrd", "record_100x8_durable/library",
      "record_100x8_rrd/librrd", "cpu", 0.80),
 ]
@@ -136,6 +163,13 @@ def main():
     parser.add_argument("--rounds", type=int, default=6)
     parser.add_argument("--only", default="", help="only pairs whose benchmarks contain this")
     options = parser.parse_args()
+    with tempfile.TemporaryDirectory(prefix="trend-bench-kept-") as folder:
+        os.environ["TREND_BENCH_KEEP"] = folder  # for the log that is too large to be made each time
+        measure(options)
+
+
+def measure(options):
+    """Runs the pairs and prints the tables."""
 
     known = subprocess.run([options.program, "--benchmark_list_tests"], capture_output=True,
                            text=True, check=True).stdout

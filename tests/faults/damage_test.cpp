@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -18,6 +19,7 @@
 #include "scenario.h"
 #include "sweep.h"
 #include "trend_repair.h"
+#include "trend_reader.h"
 #include "workers.h"
 
 using namespace toolkit::trend;
@@ -96,6 +98,33 @@ void record_together(CLog& log, const CDeviceParams& owner, CSnapshot& snapshot)
         log.end_transaction();
 }
 
+// Every view of a reader. A damaged file may make it as long as it likes: a thousand rows will do.
+void look_around(CLog& log, const CDeviceParams& owner)
+{
+    CReadRequest request;
+    static_cast<CDeviceParams&>(request) = owner;
+    size_t left = 0;
+    const interval_visitor_t visit = [&](const CDeviceParams&, const CInterval&) {
+        return --left > 0;
+    };
+    CReader reader(log);
+    std::vector<CExtremes> extremes;
+    std::vector<CCoverage> coverage;
+    for (const auto& view : std::vector<std::function<int()>>{
+             [&] { return reader.rows(request, {}, true, true, visit); },
+             [&] { return reader.best_rows(request, visit); },
+             [&] {
+                 return reader.buckets(request, {0, 700, 1000, 5000}, visit);
+             },
+             [&] { return reader.points(request, 7, visit); },
+             [&] { return reader.latest(visit); }}) {
+        left = 1000;
+        static_cast<void>(view());
+    }
+    reader.extremes(request, extremes);
+    reader.coverage(request, coverage);
+}
+
 void use(CLog& log, bool wal)
 {
     if (log.open(LOG_FILE, false, true, 20, false, 1024, 0, 0, wal) != 0) return;
@@ -115,6 +144,7 @@ void use(CLog& log, bool wal)
         CDeviceData data;
         log.get_trend_data(data, owner, {}, {-1, -1}, 0, 0, true, false);
         log.get_trend_data(data, owner, periods, {0, 100000}, 50, 3, false, true);
+        look_around(log, owner);
         time_t latest = -1;
         log.get_latest_timestamp(device, latest);
 

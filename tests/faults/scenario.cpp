@@ -12,6 +12,7 @@
 
 #include "memory.h"
 #include "trend_repair.h"
+#include "trend_reader.h"
 
 using namespace toolkit::trend;
 
@@ -229,6 +230,60 @@ answer_t read_rows(CLog& log, bool no_overlap)
         periods.assign(std::begin(all), std::end(all));
     }
     return read_rows(log, pump_params(), periods, no_overlap);
+}
+
+std::string text_of(const CInterval& interval)
+{
+    CDeviceData data;
+    data._snapshots.push_back(interval);
+    return std::to_string(interval._start) + " " + text_of(data);
+}
+
+// A view that is given the request and a visitor, which keeps what it has seen; of all parameters.
+template <typename View>
+answer_t read_view(CLog& log, View view)
+{
+    CReadRequest request;
+    request._device = pump();
+    CReader reader(log);
+    std::string text;
+    const interval_visitor_t visit = [&text](const CDeviceParams&, const CInterval& interval) {
+        const memory::unfailing ours;
+        text += text_of(interval);
+        return true;
+    };
+    const int code = view(reader, request, visit);
+    const memory::unfailing ours;
+    return {code, text};
+}
+
+answer_t read_extremes(CLog& log)
+{
+    CReadRequest request;
+    request._device = pump();
+    std::vector<CExtremes> extremes;
+    const int code = CReader(log).extremes(request, extremes);
+    const memory::unfailing ours;
+    std::string text;
+    for (const CExtremes& found : extremes)
+        for (const CExtreme& extreme : {found._min, found._max})
+            text += std::to_string(extreme._value._val) + " " + std::to_string(extreme._start) +
+                    " " + std::to_string(extreme._time) + "\n";
+    return {code, text};
+}
+
+answer_t read_coverage(CLog& log)
+{
+    CReadRequest request;
+    request._device = pump();
+    std::vector<CCoverage> coverage;
+    const int code = CReader(log).coverage(request, coverage);
+    const memory::unfailing ours;
+    std::string text;
+    for (const CCoverage& found : coverage)
+        text += std::to_string(found._rows) + " " + std::to_string(found._holes) + " " +
+                std::to_string(found._bytes) + "\n";
+    return {code, text};
 }
 
 // Lists parameters and periods before it reads.
@@ -477,6 +532,37 @@ const std::vector<step_t> STEPS = {
          const memory::unfailing ours;
          return answer_t{code, std::to_string(latest)};
      }},
+
+    {"rows one at a time", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) {
+         return read_view(log, [](CReader& reader, const CReadRequest& request,
+                                  const interval_visitor_t& visit) {
+             return reader.rows(request, {}, false, true, visit);
+         });
+     }},
+    {"best rows", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) {
+         return read_view(
+             log, [](CReader& reader, const CReadRequest& request,
+                     const interval_visitor_t& visit) { return reader.best_rows(request, visit); });
+     }},
+    {"points", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) {
+         return read_view(
+             log, [](CReader& reader, const CReadRequest& request,
+                     const interval_visitor_t& visit) { return reader.points(request, 5, visit); });
+     }},
+    {"latest", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) {
+         return read_view(
+             log, [](CReader& reader, const CReadRequest&, const interval_visitor_t& visit) {
+                 return reader.latest(visit);
+             });
+     }},
+    {"extremes", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) { return read_extremes(log); }},
+    {"coverage", step_t::LOG, step_t::READS, 0,
+     [](CLog& log, const setting_t&) { return read_coverage(log); }},
 
     // A read that breaks off in a host's transaction takes that along, but succeeds.
     {"get_trend_data in a host transaction", step_t::LOG, step_t::TOLERANT, 0,

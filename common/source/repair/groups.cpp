@@ -196,7 +196,7 @@ int inspect_groups(CInspector& inspector, const CDeviceProperties& device,
                    const std::vector<CParamProperties>& params)
 {
     CComparison comparison(inspector, device, fine, coarse, group, params);
-    return comparison.run(rows_text(device._index, coarse._period, params),
+    return comparison.run(scan_text(device._index, coarse._period, &params),
                           rolled_up_text(device._index, fine._period, params));
 }
 

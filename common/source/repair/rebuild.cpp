@@ -172,7 +172,7 @@ int CRebuild::merge_row(const CSnapshot& row, const tk_string& merging)
 int CRebuild::has_values(int64_t time, bool& values)
 {
     const tk_string sql =
-        rows_text(_request._device._index, _levels.front()._period._period, _params);
+        scan_text(_request._device._index, _levels.front()._period._period, &_params);
     const stmt_wrapper_t stmt(CThrowing::stmt(_db, sql, STMT_POOLED));
     if (!stmt) return -1;
     if (const int failed = bind_all(*stmt, time - 1)) return failed;
