@@ -205,14 +205,13 @@ struct CRecorderOptions {
 
 // What has happened since open().
 struct CRecorderStats {
-    uint64_t _notices[NOTICE_LISTEND] = {};  // how often each was told, by notice_t
+    uint64_t _notices[NOTICE_LISTEND] = {};  // how often there was each, by notice_t
     uint64_t _readings = 0;                  // taken by push()
     uint64_t _snapshots = 0;                 // taken by record()
     uint64_t _rows = 0;                      // committed, without blank ones
     uint64_t _commits = 0;                   // that succeeded
     uint64_t _resets = 0;                    // of counters
     uint64_t _clock_steps = 0;               // of a second or more, either way
-    uint64_t _lost_readings = 0;             // with NOTICE_UNFINISHED
     size_t _pending_rows = 0;                // closed and not committed
     size_t _pending_bytes = 0;               // the memory that they take
     time_t _newest_committed = -1;           // the time of the newest row, -1 before the first one
@@ -316,9 +315,10 @@ public:
     // and will be there after a power cut; before the clock is trusted it never is, NOTICE_CLOCK.
     int flush();
 
-    // flush(), and lets go of the file. Not 0 when rows are lost (NOTICE_ABANDONED) or readings of
-    // the open intervals (NOTICE_UNFINISHED), which are told and counted; the recorder is closed in
-    // any case. stats() stay.
+    // flush(), and lets go of the file. Rows that cannot be committed are lost, NOTICE_ABANDONED.
+    // What has been read in the open intervals is lost in any case, told and counted as
+    // NOTICE_UNFINISHED: a row must not end after now. Of both one line is told, and rows and
+    // readings are what is counted. The recorder is closed then; stats() stay.
     int close();
 
     // Looking -----------------------------------------------------------------------------------
@@ -335,6 +335,9 @@ public:
 
 private:
     class CImpl;
+
+    int open(const tk_string* name, CLog* log, const CRecorderOptions& options);
+
     std::unique_ptr<CImpl> _impl;
 };
 
