@@ -80,6 +80,7 @@ private:
     int check_options();
     int judge_periods(const std::vector<CPeriodProperties>& periods);
     int open_log(const tk_string& name);
+    int open_connections(const tk_string& name, size_t num_periods);
     int settle_periods();
     int attach_own_device();
 

@@ -43,18 +43,23 @@ int64_t data_version(CDatabase& db)
 // A file with tables, but none of a log, belongs to somebody else. Nothing of a file in
 // write-ahead mode is left behind either: where its companions are there, somebody has it open or
 // has crashed, and reading leaves them alone; else the last one to close removes them, which only
-// one that may write does.
+// one that may write does. -1 where another process was in the way.
 int CRecorder::CImpl::look_into(const tk_string& name, size_t& num_periods)
 {
     if (!exists(name)) return 0;
     const bool read_only = exists(name + "-wal");
     CDatabase file;
-    if (file.open(name, 1, read_only, false, false, 0, 0, 0, false) != 0) return NOTICE_FAILED;
+    if (file.open(name, 1, read_only, false, false, 0, 0, 0, false) != 0)
+        return tell(NOTICE_FAILED, "'%s' cannot be opened", name.c_str());
+    const int code = run(file, "SELECT 1 FROM sqlite_master");
+    if (is_locked(code)) return -1;
+    if (code != SQLITE_OK)
+        return tell(NOTICE_FAILED, "'%s' cannot be read: %s", name.c_str(), sqlite3_errstr(code));
 
     int64_t tables = -1;
     if (file.get_intval("SELECT count(*) FROM sqlite_master", tables, STMT_FRESH, NULL_OK) != 0 ||
         tables < 0)
-        return NOTICE_FAILED;
+        return -1;
     if (tables == 0) return 0;
     int64_t columns = -1;
     if (file.get_intval("SELECT (SELECT count(*) FROM pragma_table_info('periods') "
@@ -63,13 +68,13 @@ int CRecorder::CImpl::look_into(const tk_string& name, size_t& num_periods)
                         "WHERE name IN ('idx', 'path'))",
                         columns, STMT_FRESH, NULL_OK) != 0 ||
         columns < 0)
-        return NOTICE_FAILED;
+        return -1;
     if (columns != 4)
         return tell(NOTICE_MISUSE, "'%s' holds tables of somebody else", name.c_str());
     int64_t periods = -1;
     if (file.get_intval("SELECT count(*) FROM periods", periods, STMT_FRESH, NULL_OK) != 0 ||
         periods < 0)
-        return NOTICE_FAILED;
+        return -1;
     num_periods = static_cast<size_t>(periods);
     return 0;
 }

@@ -1,7 +1,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cinttypes>
+#include <thread>
 
 #include "recorder/impl.h"
 
@@ -112,23 +114,37 @@ int CRecorder::CImpl::judge_periods(const std::vector<CPeriodProperties>& period
     return 0;
 }
 
+// While another process makes the file or is the last one to close it, opening can fail at once
+// where other calls would wait.
 int CRecorder::CImpl::open_log(const tk_string& name)
 {
-    size_t num_periods = 0;
-    if (const int failed = look_into(name, num_periods)) return failed;
-    if (num_periods == 0)
-        num_periods = (_options._periods.empty() ? usual_periods() : _options._periods).size();
-
-    _own_log = std::make_unique<CLog>();
-    const size_t pool = 5 * _options._max_devices * num_periods + 8;
-    if (_own_log->open(name, false, true, pool, false, 0, _options._cache_bytes, 0,
-                       _options._wal) != 0)
-        return tell(NOTICE_FAILED, "'%s' cannot be opened", name.c_str());
-    _side = std::make_unique<CDatabase>();
-    if (_side->open(name, 1, false, false, false, 0, 0, 0, false) != 0)
-        return tell(NOTICE_FAILED, "'%s' cannot be opened a second time", name.c_str());
+    constexpr int ATTEMPTS = 20;  // with a millisecond more between them each time
+    int failed = -1;
+    for (int attempt = 0; failed == -1 && attempt < ATTEMPTS; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(attempt));
+        size_t num_periods = 0;
+        failed = look_into(name, num_periods);
+        if (failed > 0) return failed;
+        if (failed == 0) failed = open_connections(name, num_periods);
+    }
+    if (failed) return tell(NOTICE_FAILED, "'%s' cannot be opened", name.c_str());
     _log = _own_log.get();
     return 0;
+}
+
+// The result is the log's.
+int CRecorder::CImpl::open_connections(const tk_string& name, size_t num_periods)
+{
+    if (num_periods == 0)
+        num_periods = (_options._periods.empty() ? usual_periods() : _options._periods).size();
+    const size_t pool = 5 * _options._max_devices * num_periods + 8;
+    _side.reset();
+    _own_log = std::make_unique<CLog>();
+    if (const int failed = _own_log->open(name, false, true, pool, false, 0, _options._cache_bytes,
+                                          0, _options._wal))
+        return failed;
+    _side = std::make_unique<CDatabase>();
+    return _side->open(name, 1, false, false, false, 0, 0, 0, false);
 }
 
 // The periods of the file, which a new one gets now.
