@@ -57,6 +57,39 @@ TEST_F(recorder_memory, is_not_asked_for_by_readings_rows_and_ticks)
     EXPECT_EQ(_recorder->flush(), 0);
 }
 
+TEST_F(recorder_memory, that_runs_out_is_said)
+{
+    const auto fail_open = [&](size_t n) {
+        const allocations::fail_at failing(n);
+        return _recorder->open(_file, _options);
+    };
+    // Before there is anybody to tell it, then to him.
+    EXPECT_REPORTS(fail_open(1), NOTICE_FAILED,
+                   "toolkit::trend::CRecorder: failed: out of memory\n");
+    _options._max_bytes = 1 << 20;
+    std::string line;
+    line.reserve(100);
+    _options._tell = [&](notice_t, const char* text) { line = text; };
+    EXPECT_EQ(fail_open(3), NOTICE_FAILED);
+    EXPECT_EQ(line, "out of memory");
+    open();
+    attach({gauge("u")});
+    CRecorderDevice fan;
+    fan._path = "fan";
+    fan._params = {gauge("u")};
+    CRecorderHandles handles;
+    CSnapshot snapshot;
+    {
+        const allocations::fail_at failing(1);
+        EXPECT_EQ(_recorder->attach(fan, handles), NOTICE_FAILED);
+    }
+    {
+        const allocations::fail_at failing(1);
+        EXPECT_EQ(_recorder->get_open_interval(_device, snapshot), NOTICE_FAILED);
+    }
+    EXPECT_EQ(count(NOTICE_FAILED), 2);
+}
+
 TEST_F(recorder_memory, that_runs_out_anywhere_loses_nothing)
 {
     // Every request in turn: a start, an hour of readings, a stop.

@@ -54,7 +54,7 @@ int CRecorder::CImpl::push_now(recorder_handle_t handle, double value)
 
 int CRecorder::CImpl::take(parameter_t& param, double value, int64_t moment)
 {
-    if (_in_use) return tell(NOTICE_MISUSE, "called while it tells");
+    if (_in_use) return called_while_telling();
     device_t& device = _devices[param._device];
     if (device._ready)
         return tell(NOTICE_UNKNOWN, "'%s': its device takes snapshots", path_of(param).c_str());
@@ -181,7 +181,7 @@ void CRecorder::CImpl::enqueue(const device_t& device, int64_t time, const CSnap
 
 int CRecorder::CImpl::record(recorder_handle_t handle, const CSnapshot& snapshot)
 {
-    if (_in_use) return tell(NOTICE_MISUSE, "called while it tells");
+    if (_in_use) return called_while_telling();
     if (handle >= _devices.size())
         return tell(NOTICE_UNKNOWN, "no device has the handle %" PRIu32, handle);
     device_t& device = _devices[handle];

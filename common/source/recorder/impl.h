@@ -76,6 +76,8 @@ public:
     __attribute__((format(printf, 3, 4))) int tell(notice_t notice, const char* fmt, ...) noexcept;
 
 private:
+    int called_while_telling() noexcept;
+
     // setup.cpp
     int check_options();
     int judge_periods(const std::vector<CPeriodProperties>& periods);

@@ -18,10 +18,16 @@ const char* notice_name(notice_t notice)
     return names[notice];
 }
 
+int CRecorder::CImpl::called_while_telling() noexcept
+{
+    ++_stats._notices[NOTICE_MISUSE];
+    return NOTICE_MISUSE;
+}
+
 int CRecorder::CImpl::tell(notice_t notice, const char* fmt, ...) noexcept
 {
     ++_stats._notices[notice];
-    if (_in_use) return notice;  // called out of what takes it: counted, or it would go on for ever
+    if (_in_use) return notice;  // from within: counted, or it would go on for ever
     char line[512];              // long paths are cut
     va_list args;
     va_start(args, fmt);

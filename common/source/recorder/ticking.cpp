@@ -9,7 +9,7 @@ namespace toolkit::trend {
 
 int CRecorder::CImpl::check_usable()
 {
-    if (_in_use) return tell(NOTICE_MISUSE, "called while it tells");
+    if (_in_use) return called_while_telling();
     if (!_log) return tell(NOTICE_MISUSE, "it is not open");
     if (is_inherited())
         return tell(NOTICE_MISUSE, "it was opened by another process, before fork()");
