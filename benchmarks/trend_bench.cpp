@@ -250,6 +250,7 @@ void run_recorder(benchmark::State& state, const recorder_job_t& job)
 {
     using namespace toolkit::trend;
     const scratch_file file;
+    const without_sync quick;
     const plant_t& plant = job._plant;
     make_log(file._name, plant);
     add_history(file._name, plant);
