@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "database.h"
 #include "floor_side.h"
@@ -26,6 +27,7 @@
 #include "meter.h"
 #include "plant.h"
 #include "reader_bench.h"
+#include "trend_recorder.h"
 #ifdef TREND_BENCH_RRD
 #include "rrd_side.h"
 #endif
@@ -224,6 +226,94 @@ void run_rrd(benchmark::State& state, const recording_t& job)
          "the last snapshot is not stored");
 }
 #endif
+
+// The recorder ---------------------------------------------------------------------------------
+
+struct recorder_job_t {
+    const char* _name;
+    plant_t _plant;
+    int64_t _commit_minutes;
+    bool _readings;  // one a second of each parameter, instead of a ready row a minute
+    int64_t _iterations;
+};
+
+class bench_clock : public toolkit::trend::CRecorderClock {
+public:
+    int64_t wall() override { return _now; }
+    int64_t monotonic() override { return _now; }
+    bool is_trusted() override { return true; }
+
+    int64_t _now = 0;
+};
+
+// A minute of every device, and a tick at its end; commits come as the job says.
+void run_recorder(benchmark::State& state, const recorder_job_t& job)
+{
+    using namespace toolkit::trend;
+    const scratch_file file;
+    const without_sync quick;
+    const plant_t& plant = job._plant;
+    make_log(file._name, plant);
+    add_history(file._name, plant);
+    bench_clock clock;
+    int64_t minute = history_end(plant);
+    clock._now = minute * 60'000 + 1;
+    const int64_t begin = minute;
+    {
+        CRecorderOptions options;
+        options._clock = &clock;
+        options._max_devices = plant._devices;
+        options._commit_every_ms = job._commit_minutes * 60'000;
+        CRecorder recorder;
+        want(recorder.open(file._name, options) == 0, "can't open");
+        std::vector<CRecorderHandles> handles(plant._devices);
+        for (size_t i = 0; i < plant._devices; ++i) {
+            const CDeviceParams stored = device_of(plant, i + 1);
+            CRecorderDevice device;
+            device._path = stored._device._path;
+            device._ready = !job._readings;
+            for (const CParamProperties& param : stored._params) {
+                CRecorderParam wanted;
+                wanted._path = param._path;
+                wanted._has_min = wanted._has_max = wanted._has_avg = wanted._has_actual = true;
+                device._params.push_back(wanted);
+            }
+            want(recorder.attach(device, handles[i]) == 0, "can't attach");
+        }
+
+        CSnapshot snapshot = empty_snapshot(plant);
+        const auto record_minute = [&] {
+            ++minute;
+            for (const CRecorderHandles& device : handles) {
+                if (!job._readings) {
+                    measure(snapshot, minute);
+                    want(recorder.record(device._device, snapshot) == 0, "a row was refused");
+                    continue;
+                }
+                for (int64_t second = 1; second <= 60; ++second)
+                    for (const recorder_handle_t param : device._params)
+                        want(recorder.push(param, static_cast<double>(second % 7),
+                                           (minute - 1) * 60'000 + second * 1'000) == 0,
+                             "a reading was refused");
+            }
+            clock._now = minute * 60'000 + 1;
+            want(recorder.tick() == 0, "a commit failed");
+        };
+        for (int i = 0; i < 30; ++i)
+            record_minute();
+        cost_t cost;
+        for (auto _ : state)
+            for (int i = 0; i < 15; ++i)
+                record_minute();
+        cost.stop();
+        cost.tell(state, plant._devices * 15);
+        want(recorder.close() == 0, "rows were lost");
+    }
+    want(newest_time(file._name, "trends_1_1") == minute * 60, "the last row is missing");
+    want(count_rows(file._name, "trends_1_1 WHERE time > " + std::to_string(begin * 60)) ==
+             std::min<int64_t>(minute - begin, 1440 + 10 + (minute - begin) % 15),
+         "rows are missing");
+}
 
 // Filling --------------------------------------------------------------------------------------
 
@@ -509,6 +599,16 @@ void add_all()
     plant_t halved{1, 100};
     halved._periods = {{1, 1440}, {2, 720}, {4, 360}};
     add_recording({"roll_up_1x100", halved, true, 100, brief ? 30 : 300, 20});
+
+    for (const recorder_job_t& job :
+         {recorder_job_t{"recorder_1x8_minute", {1, 8}, 1, false, 64},
+          recorder_job_t{"recorder_1x8_quarter", {1, 8}, 15, false, 64},
+          recorder_job_t{"recorder_1x8_hour", {1, 8}, 60, false, 64},
+          recorder_job_t{"recorder_1x8_readings", {1, 8}, 1, true, 64},
+          recorder_job_t{"recorder_100x8_minute", {100, 8}, 1, false, brief ? 1 : 8},
+          recorder_job_t{"recorder_100x8_quarter", {100, 8}, 15, false, brief ? 1 : 8}})
+        add(std::string(job._name) + "/library", job._iterations,
+            [=](benchmark::State& state) { run_recorder(state, job); });
 
     for (const size_t devices : {size_t{1}, size_t{100}})
         add("open_" + std::to_string(devices) + "x8/library", 50, [=](benchmark::State& state) {

@@ -95,8 +95,27 @@ PAIRS = [
      "points_hour_10000/floor", "cpu", 1.30),
     ("rows of a year of minutes, one at a time", "rows_minutes/library", "rows_minutes/floor",
      "cpu", 1.00),
+    ("1x8, a minute of 60 readings and its row against the row", "recorder_1x8_readings/library",
+     "recorder_1x8_minute/library", "cpu", 1.50),
+    ("1x8, rows of 15 minutes in a commit against each", "recorder_1x8_quarter/library",
+     "recorder_1x8_minute/library", "cpu", None),
+    ("1x8, rows of an hour in a commit against each", "recorder_1x8_hour/library",
+     "recorder_1x8_minute/library", "cpu", None),
+    ("100x8, rows of 15 minutes in a commit", "recorder_100x8_quarter/library",
+     "recorder_100x8_minute/library",
+     "cpu", None),
     ("100x8, a durable minute, against librrd", "record_100x8_durable/library",
      "record_100x8_rrd/librrd", "cpu", 0.80),
+]
+
+# What is compared in bytes given to write calls: (text, numerator, denominator, goal).
+BYTES = [
+    ("1x8, recorder, a commit every 15 minutes against one each", "recorder_1x8_quarter/library",
+     "recorder_1x8_minute/library", 1 / 7),
+    ("1x8, recorder, a commit every hour against one a minute", "recorder_1x8_hour/library",
+     "recorder_1x8_minute/library", None),
+    ("100x8, recorder, a commit every 15 minutes", "recorder_100x8_quarter/library",
+     "recorder_100x8_minute/library", None),
 ]
 
 # What memory is compared with what: (text, numerator and its counter, denominator and its counter,
@@ -203,6 +222,17 @@ def measure(options):
         rows.append(judge(text, [clock], times, ratios[text], goal))
     print("Time per snapshot, row read or call, microseconds:\n")
     table(rows)
+
+    rows = [("case", "bytes", "against", "ratio", "min", "max", "goal", "")]
+    for text, above, below, goal in BYTES:
+        if not {above, below} <= results.keys():
+            continue
+        sides = [[r["bytes_per_item"] for r in results[name]] for name in (above, below)]
+        rows.append(judge(text, [], map(statistics.median, sides),
+                          [a / b for a, b in zip(*sides)], goal))
+    if len(rows) > 1:
+        print("\nBytes in write calls per row:\n")
+        table(rows)
 
     rows = [("case", "KB", "against", "ratio", "min", "max", "goal", "")]
     for text, above, below, goal in MEMORY:

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <random>
 #include <set>
@@ -15,6 +16,7 @@
 #include "disk.h"
 #include "scenario.h"
 #include "sweep.h"
+#include "trend_recorder.h"
 #include "workers.h"
 
 using namespace toolkit::trend;
@@ -61,6 +63,40 @@ run_ptr_t record_run(const std::string& name, bool wal, const disk::image_t& sta
     return run;
 }
 
+class manual_clock : public CRecorderClock {
+public:
+    int64_t wall() override { return _now; }
+    int64_t monotonic() override { return _now; }
+    bool is_trusted() override { return true; }
+
+    int64_t _now = 1'800'000'000'001;
+};
+
+// A recorder that commits minute by minute, from its first start to its fifth coarse row.
+void record_with_recorder(CLog& log, const std::function<void(int)>& acknowledge)
+{
+    manual_clock clock;
+    CRecorderOptions options;
+    options._periods = {{1, 10}, {2, 4}, {4, 3}};
+    options._clock = &clock;
+    options._tell = [](notice_t, const char*) {};
+    CRecorder recorder;
+    CRecorderDevice pump;
+    CRecorderHandles handles;
+    pump._path = "plant/pump";
+    pump._params.resize(1);
+    pump._params[0]._path = "u";
+    pump._params[0]._has_max = true;
+    acknowledge(recorder.open(log, options));
+    acknowledge(recorder.attach(pump, handles));
+    for (int minute = 0; minute < 20; ++minute) {
+        clock._now += minute == 6 ? 600'000 : 60'000;  // once a gap to fill
+        acknowledge(recorder.flush());
+        acknowledge(recorder.push(handles._params[0], minute, clock._now));
+    }
+    acknowledge(recorder.close());
+}
+
 // Everything that changes a file, in every way of using it.
 std::vector<run_ptr_t> record_runs()
 {
@@ -70,6 +106,11 @@ std::vector<run_ptr_t> record_runs()
                                   [&](CLog& log, const auto& acknowledge) {
                                       acknowledge(open_log(log, setting, true));
                                       build_up(log, acknowledge);
+                                  }));
+        runs.push_back(record_run("recorder (" + setting.name() + ")", setting._wal, {},
+                                  [&](CLog& log, const auto& acknowledge) {
+                                      acknowledge(open_log(log, setting, true));
+                                      record_with_recorder(log, acknowledge);
                                   }));
         for (const step_t& step : steps()) {
             if (step.is(step_t::READS)) continue;

@@ -1,0 +1,397 @@
+// When rows go into the file, and what happens when they cannot.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <string>
+#include <utility>
+
+#include "faults.h"
+#include "log_fixture.h"
+#include "recorder_fixture.h"
+#include "sql_reports.h"
+#include "trace.h"
+
+using namespace toolkit::trend;
+
+namespace {
+
+class commits : public recorder_fixture {
+protected:
+    // A reading in the middle of the n-th minute, from 1.
+    void push_minute(int64_t minute, double value)
+    {
+        ASSERT_EQ(push(0, value, minute * 60'000 - 30'000), 0) << told();
+    }
+
+    int tick_after_minute(int64_t minute) { return tick_at(minute * 60'000 + 1); }
+};
+
+using grid = commits;
+using closing = commits;
+using failing_commits = commits;
+using busy_commits = commits;
+using own_device = commits;
+
+}  // namespace
+
+TEST_F(commits, wait_for_commit_every)
+{
+    _options._commit_every_ms = 180'000;
+    open();
+    attach({gauge("u")});
+    for (int64_t minute = 1; minute <= 6; ++minute) {
+        push_minute(minute, static_cast<double>(minute));
+        EXPECT_EQ(tick_after_minute(minute), 0);
+        EXPECT_EQ(_recorder->stats()._commits, static_cast<uint64_t>(minute / 3));
+        EXPECT_EQ(_recorder->stats()._pending_rows, static_cast<size_t>(minute % 3));
+    }
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0\n120|2.0\n180|3.0\n240|4.0\n300|5.0\n360|6.0");
+    EXPECT_EQ(_recorder->stats()._rows, 6U);
+    EXPECT_EQ(_recorder->stats()._newest_committed, START / 1000 + 360);
+    EXPECT_EQ(_recorder->stats()._pending_bytes, 0U);
+}
+
+TEST_F(commits, come_at_once_by_flush)
+{
+    _options._commit_every_ms = 3'600'000;
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    EXPECT_EQ(_recorder->flush(), 0);  // nothing is closed
+    EXPECT_EQ(_recorder->stats()._commits, 0U);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    EXPECT_EQ(rows("param_1_avg"), "");
+    EXPECT_EQ(_recorder->stats()._pending_bytes, 32U);
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(commits, are_one_transaction_for_all_devices)
+{
+    open();
+    attach({gauge("u")}, "one");
+    const auto one = _params[0];
+    attach({gauge("u")}, "two");
+    EXPECT_EQ(_recorder->push(one, 1.0, START + 30'000), 0);
+    EXPECT_EQ(push(0, 2.0, 30'000), 0);
+    statement_trace trace;
+    EXPECT_EQ(tick_after_minute(1), 0);
+    EXPECT_EQ(trace.times_run("COMMIT"), 1);
+    EXPECT_EQ(rows("param_1_avg", 1, 1) + " " + rows("param_1_avg", 1, 2), "60|1.0 60|2.0");
+}
+
+TEST_F(commits, prepare_no_statement_twice)
+{
+    open();
+    for (const char* path : {"a", "b", "c"})
+        attach({gauge("u")}, path);
+    statement_trace trace;
+    for (int64_t minute = 1; minute <= 62; ++minute) {
+        for (recorder_handle_t param = 0; param < 3; ++param)
+            _recorder->push(param, 1.0, START + minute * 60'000 - 30'000);
+        EXPECT_EQ(tick_after_minute(minute), 0);
+        if (minute == 61) trace.clear();
+    }
+    // But for the look whether somebody else is writing.
+    EXPECT_EQ(trace.prepared(), (texts_t{"BEGIN EXCLUSIVE", "PRAGMA data_version", "ROLLBACK"}));
+}
+
+TEST_F(grid, is_seeded_on_the_boundary_of_the_coarsest_period)
+{
+    _clock._wall = START + 22 * 60'000 + 5'000;
+    open();
+    attach({gauge("u")});
+    push_minute(23, 5.0);
+    EXPECT_EQ(tick_after_minute(60), 0);
+    EXPECT_EQ(rows("percent_valid", 15), "900|0.0\n1800|2.22222222222222\n2700|0.0\n3600|0.0");
+    EXPECT_EQ(rows("param_1_avg", 60), "3600|5.0");
+    EXPECT_EQ(::rows(_file, "SELECT min(time) - 1800000000 FROM trends_1_1"), "60");
+}
+
+TEST_F(grid, goes_on_through_restarts_and_gaps)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(3, 5.0);
+    EXPECT_EQ(tick_after_minute(7), 0);
+    _recorder->close();
+    _clock.pass(600'000);
+    open();
+    attach({gauge("u")});
+    push_minute(18, 7.0);
+    EXPECT_EQ(tick_after_minute(30), 0);
+    EXPECT_EQ(rows("param_1_avg", 15), "900|5.0\n1800|7.0");
+}
+
+TEST_F(grid, of_a_device_that_has_never_said_a_word_is_empty)
+{
+    open();
+    attach({gauge("u")});
+    EXPECT_EQ(tick_after_minute(30), 0);
+    EXPECT_EQ(rows("*"), "");
+    EXPECT_EQ(_recorder->stats()._commits, 0U);
+}
+
+TEST_F(closing, stores_what_is_closed)
+{
+    _options._commit_every_ms = 3'600'000;
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    push_minute(2, 2.0);
+    EXPECT_EQ(push(0, 3.0, 91'000), 0);
+    _clock.pass(95'000);
+    EXPECT_EQ(_recorder->close(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+    EXPECT_EQ(told(), "unfinished: 2 readings of open intervals\n");
+    EXPECT_EQ(_recorder->stats()._notices[NOTICE_UNFINISHED], 2U);
+    EXPECT_FALSE(_recorder->is_open());
+}
+
+TEST_F(closing, is_done_by_the_destructor)
+{
+    _options._commit_every_ms = 3'600'000;
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    _clock.pass(60'000);
+    _recorder.reset();
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(failing_commits, are_repeated_with_growing_pauses)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    std::string pauses;
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        testing::internal::CaptureStderr();
+        {
+            refuse_commit refused;
+            EXPECT_EQ(attempt == 0 ? tick_after_minute(1) : _recorder->tick(), NOTICE_FAILED);
+            EXPECT_TRUE(refused.struck());
+        }
+        testing::internal::GetCapturedStderr();
+        const std::string line = told();
+        const int64_t pause = std::stoll(line.substr(line.find("is in ") + 6));
+        pauses += std::to_string(pause) + " ";
+        _clock.pass(pause - 1);
+        EXPECT_EQ(_recorder->tick(), 0);
+        _clock.pass(1);
+    }
+    EXPECT_EQ(pauses, "1000 2000 4000 8000 16000 32000 60000 60000 ");
+    EXPECT_EQ(count(NOTICE_FAILED), 8);
+    EXPECT_EQ(_recorder->tick(), 0);
+    EXPECT_EQ(rows("param_1_avg").substr(0, 6), "60|1.0");
+}
+
+TEST_F(failing_commits, say_how_many_rows_wait)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    {
+        refuse_commit refused;
+        EXPECT_REPORTS(tick_after_minute(1), NOTICE_FAILED,
+                       step_and_reset_report(531, "constraint failed"));
+    }
+    EXPECT_EQ(told(),
+              "failed: the log has refused the commit: 1 rows wait, the next attempt is in "
+              "1000 ms\n");
+    push_minute(2, 2.0);
+    EXPECT_EQ(tick_after_minute(2), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0\n120|2.0");
+    EXPECT_EQ(_recorder->stats()._rows, 2U);
+}
+
+TEST_F(failing_commits, are_tried_again_at_once_by_flush)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    testing::internal::CaptureStderr();
+    {
+        refuse_commit refused;
+        EXPECT_EQ(tick_after_minute(1), NOTICE_FAILED);
+    }
+    EXPECT_EQ(_recorder->tick(), 0);  // it pauses
+    EXPECT_EQ(rows("param_1_avg"), "");
+    EXPECT_EQ(_recorder->flush(), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(failing_commits, give_up_the_oldest_rows_when_memory_is_full)
+{
+    _options._max_bytes = 3 * 32;
+    open();
+    attach({gauge("u")});
+    testing::internal::CaptureStderr();
+    for (int64_t minute = 1; minute <= 5; ++minute) {
+        push_minute(minute, static_cast<double>(minute));
+        refuse_commit refused;
+        tick_after_minute(minute);
+        told();
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(count(NOTICE_OVERFLOW), 2);
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|NULL\n120|NULL\n180|3.0\n240|4.0\n300|5.0");
+}
+
+TEST_F(failing_commits, of_one_device_do_not_keep_the_others_out)
+{
+    open();
+    attach({gauge("u")}, "gone");
+    const auto gone = _params[0];
+    attach({gauge("u")}, "there");
+    EXPECT_EQ(_recorder->push(gone, 1.0, START + 30'000), 0);
+    EXPECT_EQ(push(0, 2.0, 30'000), 0);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    {
+        CLog other;
+        ASSERT_EQ(open_log(other, _file), 0);
+        CDeviceProperties device;
+        device._path = "gone";
+        device._index = 1;
+        ASSERT_EQ(other.remove_device(device), 0);
+    }
+    EXPECT_EQ(_recorder->push(gone, 1.0, START + 90'000), 0);
+    EXPECT_EQ(push(0, 2.0, 90'000), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(tick_after_minute(2), NOTICE_FAILED);
+    EXPECT_EQ(rows("param_1_avg", 1, 2), "60|2.0\n120|2.0");
+    EXPECT_EQ(_recorder->stats()._pending_rows, 1U);
+    EXPECT_EQ(told(),
+              "failed: the log has refused the commit: 1 rows wait, the next attempt is in "
+              "1000 ms\n");
+    EXPECT_EQ(_recorder->close(), NOTICE_ABANDONED);
+    testing::internal::GetCapturedStderr();
+    EXPECT_NE(told().find("abandoned: 1 rows could not be committed\n"), std::string::npos);
+    EXPECT_EQ(_recorder->stats()._notices[NOTICE_ABANDONED], 1U);
+}
+
+TEST_F(failing_commits, are_told_when_another_has_changed_the_periods)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    {
+        CLog other;
+        ASSERT_EQ(open_log(other, _file), 0);
+        ASSERT_EQ(other.add_period({5, 100}), 0);
+    }
+    EXPECT_EQ(tick_after_minute(1), NOTICE_FAILED);
+    EXPECT_EQ(told(),
+              "misuse: the periods of the file have changed: open it anew\n"
+              "failed: the log has refused the commit: 1 rows wait, the next attempt is in "
+              "1000 ms\n");
+    EXPECT_EQ(rows("*"), "");
+}
+
+TEST_F(failing_commits, into_a_log_that_the_host_has_closed_lose_nothing)
+{
+    CLog log;
+    ASSERT_EQ(open_log(log, _file), 0);
+    ASSERT_EQ(_recorder->open(log, _options), 0);
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    log.close();
+    EXPECT_EQ(tick_after_minute(1), NOTICE_FAILED);
+    ASSERT_EQ(open_log(log, _file), 0);
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(failing_commits, leave_out_rows_that_another_writer_has_overtaken)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    push_minute(2, 2.0);
+    push_minute(4, 4.0);
+    run_sql(_file, "INSERT INTO trends_1_1 (time, percent_valid) VALUES (1800000180, 0.0)");
+    EXPECT_EQ(tick_after_minute(4), 0);
+    EXPECT_EQ(told(), "rejected: 'pump': the row of 1800000120 is older than that of 1800000180\n");
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0\n180|NULL\n240|4.0");
+    EXPECT_EQ(_recorder->stats()._rows, 2U);
+}
+
+TEST_F(busy_commits, are_left_to_a_later_tick)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    busy_lock writer(_file, busy_lock::WRITER);
+    EXPECT_EQ(tick_after_minute(1), NOTICE_BUSY);
+    EXPECT_EQ(told(),
+              "busy: another process is writing the file: 1 rows wait, the next attempt is "
+              "in 1000 ms\n");
+    writer.release();
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+namespace {
+
+// Commits a row of somebody else's right after the recorder has begun to read.
+class write_between : public sqlite_watch {
+public:
+    explicit write_between(std::string file) : _file(std::move(file)) {}
+
+    void after_step(sqlite3_stmt* stmt, int) override
+    {
+        if (_done || std::string(sqlite3_sql(stmt)) != "SELECT * FROM periods") return;
+        _done = true;
+        const unwatched inside;
+        run_sql(_file, "UPDATE devices SET guid = 'x'");
+    }
+
+private:
+    std::string _file;
+    bool _done = false;
+};
+
+}  // namespace
+
+TEST_F(busy_commits, are_told_when_another_process_has_written_first)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    testing::internal::CaptureStderr();
+    {
+        write_between other(_file);
+        EXPECT_EQ(tick_after_minute(1), NOTICE_BUSY);
+    }
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("517"), std::string::npos);
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(own_device, records_what_the_recorder_counts)
+{
+    _options._own_device = "recorder";
+    _options._commit_every_ms = 120'000;
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    EXPECT_EQ(_recorder->push(99, 1.0, START), NOTICE_UNKNOWN);
+    EXPECT_EQ(_recorder->push(_params[0], 1.0, START), NOTICE_LATE);
+    EXPECT_EQ(tick_at(40'000), 0);
+    EXPECT_EQ(_recorder->push(99, 1.0, START), NOTICE_UNKNOWN);
+    EXPECT_EQ(tick_at(50'000), 0);
+    EXPECT_EQ(_recorder->tick(), 0);  // at the same moment again
+    EXPECT_EQ(tick_after_minute(1), 0);
+    EXPECT_EQ(tick_after_minute(2), 0);
+    EXPECT_EQ(::rows(_file, "SELECT path FROM devices ORDER BY idx"), "recorder\npump");
+    EXPECT_EQ(::rows(_file, "SELECT path FROM params_1 ORDER BY idx"),
+              "pending_bytes\ncommit_ms\nrefused\nlost\nfailed_commits\nclock_steps");
+    EXPECT_EQ(rows("param_1_max, param_2_max, param_3_sum, param_4_sum, param_5_sum, param_6_sum"),
+              "60|0.0|0.0|3.0|0.0|0.0|0.0\n120|104.0|0.0|0.0|0.0|0.0|0.0");
+    EXPECT_EQ(_recorder->close(), 0);
+    EXPECT_EQ(told().find("unfinished"), std::string::npos);
+}
