@@ -1,7 +1,6 @@
 #include "meter.h"
 
 #include <malloc.h>
-#include <sqlite3.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <new>
-#include <stdexcept>
 #include <string>
 
 namespace {
@@ -41,11 +39,6 @@ int64_t value_of(const char* file, const std::string& name)
 }
 
 int synchronise(long call, int fd) { return sync_is_off ? 0 : static_cast<int>(syscall(call, fd)); }
-
-bool configure(int threading_mode)
-{
-    return sqlite3_shutdown() == SQLITE_OK && sqlite3_config(threading_mode) == SQLITE_OK;
-}
 
 }  // namespace
 
@@ -98,6 +91,8 @@ allocations_t::~allocations_t() { counts_allocations = false; }
 
 int64_t allocations_t::most() const { return most_allocated; }
 
+int64_t allocations_t::now() const { return allocated; }
+
 int64_t peak_memory() { return value_of("/proc/self/status", "VmHWM:") * 1024; }
 
 int64_t resident_memory() { return value_of("/proc/self/status", "VmRSS:") * 1024; }
@@ -113,10 +108,3 @@ int64_t bytes_written() { return value_of("/proc/self/io", "wchar:"); }
 without_sync::without_sync(bool active) : _before(sync_is_off) { sync_is_off = active; }
 
 without_sync::~without_sync() { sync_is_off = _before; }
-
-without_locks::without_locks()
-{
-    if (!configure(SQLITE_CONFIG_MULTITHREAD)) throw std::runtime_error("SQLite keeps its locks");
-}
-
-without_locks::~without_locks() { configure(SQLITE_CONFIG_SERIALIZED); }

@@ -23,6 +23,7 @@ public:
     allocations_t& operator=(const allocations_t&) = delete;
 
     int64_t most() const;
+    int64_t now() const;  // less than nothing where older blocks have been given back
 };
 
 // Bytes handed to write calls by this process so far, into memory maps not counted; 0 where the
@@ -41,15 +42,4 @@ public:
 
 private:
     bool _before;
-};
-
-// While one lives, SQLite takes no locks against other threads on a connection. To be made and left
-// while none is open.
-class without_locks {
-public:
-    without_locks();
-    ~without_locks();
-
-    without_locks(const without_locks&) = delete;
-    without_locks& operator=(const without_locks&) = delete;
 };

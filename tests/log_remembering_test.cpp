@@ -168,6 +168,30 @@ TEST_F(recall, keeps_the_pool_within_its_capacity)
     EXPECT_EQ(rows("SELECT time FROM trends_1_3"), "180\n360\n540\n720");
 }
 
+TEST_F(recall, prepares_nothing_in_a_pool_of_three_statements_a_device)
+{
+    const size_t devices = 4;
+    ASSERT_EQ(_log.modify_period({1, 5}), 0);
+    add_period(300, 100);
+    std::vector<CDeviceParams> plant;
+    for (size_t i = 0; i < devices; ++i)
+        plant.push_back(add_device("fan" + std::to_string(i), {param("u", "avg")}));
+    const auto record_minutes = [&](time_t first, time_t last) {
+        for (time_t minute = first; minute <= last; ++minute)
+            for (const CDeviceParams& device : plant)
+                record(device, 60 * minute, {1.0});
+    };
+    record_minutes(1, 60);  // long enough for the finest table to be trimmed
+    open_args args;
+    args._create = false;
+    args._pool_capacity = 3 * devices + 2;
+    reopen(args);
+    record_minutes(61, 72);
+    statement_trace trace;
+    record_minutes(73, 102);
+    EXPECT_EQ(trace.prepared(), texts_t{});
+}
+
 TEST_F(recall, tells_selections_apart_by_identifier_and_aggregates)
 {
     CDeviceParams more = add_params(_pump._device, {param("v", "min avg")});

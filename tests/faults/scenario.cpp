@@ -19,6 +19,7 @@ using namespace toolkit::trend;
 namespace {
 
 constexpr time_t LAST_ROW = 29 * 60;  // of the prepared log: one before all three periods roll up
+constexpr time_t LAST_REMEMBERED = 44 * 60;  // as well, of a log that is to remember the device
 
 // What the steps themselves allocate is not the library's to miss.
 
@@ -478,6 +479,10 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) {
          return answer_t{record(log, pump(), pump_params(), LAST_ROW + 60), ""};
      }},
+    {"record what is remembered", step_t::LOG, step_t::REMEMBERS, 0,
+     [](CLog& log, const setting_t&) {  // rolls up into both coarser periods
+         return answer_t{record(log, pump(), pump_params(), LAST_REMEMBERED + 60), ""};
+     }},
     {"record a part", step_t::LOG, step_t::NO_TRAITS, 0,
      [](CLog& log, const setting_t&) {
          return answer_t{record(log, pump(), pump_params(3, 3), LAST_ROW + 60), ""};
@@ -613,6 +618,24 @@ const std::vector<step_t> STEPS = {
              return answer_t{log.remove_device(pump()), ""};
          });
      }},
+    {"host transaction on what is remembered", step_t::LOG, step_t::REMEMBERS, 0,
+     [](CLog& log, const setting_t&) {
+         return in_transaction(log, [&] {
+             for (time_t time = LAST_REMEMBERED + 60; time <= LAST_REMEMBERED + 420; time += 60)
+                 if (const int failed = record(log, pump(), pump_params(), time)) return failed;
+             return 0;
+         });
+     }},
+    {"host transaction on what is remembered, rolled back", step_t::LOG,
+     step_t::ROLLS_BACK | step_t::REMEMBERS, 0,
+     [](CLog& log, const setting_t&) {
+         return between(log, [&] {
+             for (time_t time = LAST_REMEMBERED + 60; time <= LAST_REMEMBERED + 180; time += 60)
+                 if (const int failed = record(log, pump(), pump_params(), time))
+                     return answer_t{failed, ""};
+             return answer_t{0, ""};
+         });
+     }},
     // A listing that breaks off succeeds, but the transaction in which it stands may be gone by
     // then: the rows before and after it belong together all the same.
     {"host transaction that looks", step_t::LOG, step_t::NO_TRAITS, 0,
@@ -694,6 +717,9 @@ int prepare(CLog& log, const setting_t& setting, unsigned int traits)
     if (const int failed = open_log(log, setting, false, traits & ~step_t::READ_ONLY))
         return failed;
     if (const int failed = record(log, bystander(), pump_params(), LAST_ROW + 60)) return failed;
+    if ((traits & step_t::REMEMBERS) != 0)
+        for (time_t time = LAST_ROW + 60; time <= LAST_REMEMBERED; time += 60)
+            if (const int failed = record(log, pump(), pump_params(), time)) return failed;
     if (!setting._warm || (traits & step_t::READ_ONLY) != 0) {
         disk::crash([&] { log.close(); });
         if (const int failed = open_log(log, setting, false, traits)) return failed;

@@ -43,6 +43,7 @@ struct step_t {
         ROLLS_BACK = KEEPS | 128,   // undoes what it has done
         READ_ONLY = 256,            // on a log that is open for reading
         TEMPORARY_IN_MEMORY = 512,  // on a log that keeps its temporary storage in memory
+        REMEMBERS = 1024,           // on a log that remembers the device, if it is warm
     };
 
     const char* _name;

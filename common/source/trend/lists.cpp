@@ -55,11 +55,11 @@ int read_param(const CStatement& row, CParamProperties& newprop)
 
 template <typename Record>
 int read_list(CDatabase& db, const tk_string& sql, int (*read_row)(const CStatement&, Record&),
-              std::vector<Record>& records, bool& whole)
+              std::vector<Record>& records, bool& whole, bool fresh = STMT_POOLED)
 {
     CTransLevel level(db);
     if (const int failed = level.begin()) return failed;
-    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, STMT_POOLED));
+    const stmt_wrapper_t stmt(CThrowing::stmt(db, sql, fresh));
     if (!stmt) return -1;
 
     // Records that are there already are filled again: their texts keep their memory.
@@ -93,10 +93,10 @@ int read_devices(CDatabase& db, std::vector<CDeviceProperties>& devices, bool& w
 }
 
 int read_params(CDatabase& db, const CDeviceProperties& device,
-                std::vector<CParamProperties>& params, bool& whole)
+                std::vector<CParamProperties>& params, bool& whole, bool fresh)
 {
     const tk_string sql = sql_text("SELECT * FROM params_", device._index, " ORDER BY idx ASC");
-    if (const int failed = read_list(db, sql, read_param, params, whole)) return failed;
+    if (const int failed = read_list(db, sql, read_param, params, whole, fresh)) return failed;
     TREND_ASSERT(std::is_sorted(params.begin(), params.end()));
     return 0;
 }
@@ -116,10 +116,10 @@ int read_all_devices(CDatabase& db, std::vector<CDeviceProperties>& devices)
 }
 
 int read_all_params(CDatabase& db, const CDeviceProperties& device,
-                    std::vector<CParamProperties>& params)
+                    std::vector<CParamProperties>& params, bool fresh)
 {
     bool whole = false;
-    if (const int failed = read_params(db, device, params, whole)) return failed;
+    if (const int failed = read_params(db, device, params, whole, fresh)) return failed;
     return whole ? 0 : -1;
 }
 

@@ -19,12 +19,12 @@ constexpr const char* GET_PARAMS =
 int read_periods(CDatabase& db, std::vector<CPeriodProperties>& periods, bool& whole);
 int read_devices(CDatabase& db, std::vector<CDeviceProperties>& devices, bool& whole);
 int read_params(CDatabase& db, const CDeviceProperties& device,
-                std::vector<CParamProperties>& params, bool& whole);
+                std::vector<CParamProperties>& params, bool& whole, bool fresh = STMT_POOLED);
 
 // For who writes from a list: one that is not whole is a failure, -1.
 int read_all_periods(CDatabase& db, std::vector<CPeriodProperties>& periods);
 int read_all_devices(CDatabase& db, std::vector<CDeviceProperties>& devices);
 int read_all_params(CDatabase& db, const CDeviceProperties& device,
-                    std::vector<CParamProperties>& params);
+                    std::vector<CParamProperties>& params, bool fresh = STMT_POOLED);
 
 }  // namespace toolkit::trend

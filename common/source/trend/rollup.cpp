@@ -128,9 +128,10 @@ stmt_ptr_t roll_up_statement(CDatabase& db, const CDeviceProperties& device,
     stmt_ptr_t stmt = memory.recall(place);
     if (stmt) return stmt;
 
+    // By a statement of its own: one in the pool would take the place of one that is needed again.
     std::vector<CParamProperties> stored_params;
     if (!params) {
-        if (read_all_params(db, device, stored_params) != 0) return stmt;
+        if (read_all_params(db, device, stored_params, STMT_FRESH) != 0) return stmt;
         params = &stored_params;
     }
     const tk_string sql = roll_up_text(device._index, fine._period, coarse._period, ratio, *params);
