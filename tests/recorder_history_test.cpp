@@ -549,7 +549,7 @@ private:
         const std::string table = std::to_string(length / MINUTE) + " min: ";
         if (rows.empty() != wanted.empty()) return fail(table + "rows or none");
         if (rows.empty()) return;
-        if (rows.back()._time * 1000 != wanted.rbegin()->first)
+        if (int64_t{rows.back()._time} * 1000 != wanted.rbegin()->first)
             return fail(table + "newest row " + std::to_string(rows.back()._time) + " instead of " +
                         std::to_string(wanted.rbegin()->first / 1000));
         // All that is kept is there, without a hole.
@@ -557,11 +557,12 @@ private:
         const size_t there = std::min(kept, wanted.size());
         for (size_t i = 0; i < there; ++i, ++last)
             if (last == rows.rend() ||
-                last->_time * 1000 != wanted.rbegin()->first - static_cast<int64_t>(i) * length)
+                int64_t{last->_time} * 1000 !=
+                    wanted.rbegin()->first - static_cast<int64_t>(i) * length)
                 return fail(table + "no row " + std::to_string(i) + " before the newest");
         for (const CSnapshot& row : rows) {
             const std::string name = table + "row " + std::to_string(row._time) + ":";
-            const auto found = wanted.find(row._time * 1000);
+            const auto found = wanted.find(int64_t{row._time} * 1000);
             if (found == wanted.end()) return fail(name + " not expected");
             if (!is_close(row._percent_valid, found->second._percent_valid))
                 return fail(name + " percent " + std::to_string(row._percent_valid) +

@@ -46,7 +46,7 @@ TEST_F(recorder_memory, is_not_asked_for_by_readings_rows_and_ticks)
                       push(0, 5e300, second * 1'000);
                       if (second % 600 < 300) _recorder->tick();
                       if (second % 60 == 0) {
-                          snapshot._time = START / 1'000 + second;
+                          snapshot._time = static_cast<time_t>(START / 1'000 + second);
                           _recorder->record(handles._device, snapshot);
                       }
                   }

@@ -242,6 +242,14 @@ TEST_F(opening, works_on_a_log_of_the_host)
     EXPECT_EQ(tick_at(60'001), 0);
     EXPECT_EQ(rows("param_1_avg"), "60|5.0");
     EXPECT_EQ(_recorder->log(), &log);
+    log.close();
+    CRecorderDevice fan;
+    fan._path = "fan";
+    fan._params = {gauge("u")};
+    CRecorderHandles handles;
+    EXPECT_EQ(_recorder->attach(fan, handles), NOTICE_MISUSE);
+    EXPECT_EQ(told(), "misuse: the log is not open\n");
+    ASSERT_EQ(open_log(log, _file), 0);
     EXPECT_EQ(_recorder->close(), 0);
     EXPECT_TRUE(log.is_open());
 }

@@ -100,7 +100,7 @@ public:
             if (data._snapshots.size() != MINUTES) return " not every row;";
             for (int64_t minute = 1; minute <= MINUTES; ++minute) {
                 const CSnapshot& row = data._snapshots[static_cast<size_t>(minute) - 1];
-                if (row._time * 1000 != START + minute * MINUTE) return " a wrong time;";
+                if (int64_t{row._time} * 1000 != START + minute * MINUTE) return " a wrong time;";
                 // Held for half a minute, and no longer.
                 if (row._percent_valid != 50.0 || !row._samples[0]._avg ||
                     *row._samples[0]._avg != value_of(i, minute))
@@ -109,7 +109,7 @@ public:
             if (log.get_trend_data(data, request, {{15, 8}}, {-1, -1}, 0, 0, true, false) != 0)
                 return " no read;";
             if (data._snapshots.size() != 1 ||
-                data._snapshots[0]._time * 1000 != START + 15 * MINUTE ||
+                int64_t{data._snapshots[0]._time} * 1000 != START + 15 * MINUTE ||
                 std::fabs(*data._snapshots[0]._samples[0]._avg - value_of(i, 8)) > 1e-9)
                 return " a wrong coarse row;";
         }

@@ -3,6 +3,7 @@
 
 #include "columns.h"
 #include "recorder/impl.h"
+#include "trend_transaction.h"
 
 // From rows of the queue into the log: all that waits in one transaction, as often as it takes.
 
@@ -73,14 +74,11 @@ int CRecorder::CImpl::store(const device_t* only)
 {
     if (!_log->is_open()) return -1;
     const int64_t began = _time.present();
-    if (_log->begin_transaction() != 0) return -1;
-    if (store_rows(only) != 0) {
-        _log->rollback_transaction();
-        forget_attempt(only, false);
-        return -1;
-    }
-    if (_log->end_transaction() != 0) {
-        forget_attempt(only, true);
+    CTransaction whole(*_log);
+    if (whole.failed()) return -1;
+    const int failed = store_rows(only);
+    if (failed || whole.commit() != 0) {
+        forget_attempt(only, !failed);
         return -1;
     }
 

@@ -40,7 +40,7 @@ int CRecorder::CImpl::push(recorder_handle_t handle, double value, int64_t momen
     parameter_t& param = _params[handle];
     if (moment > _time.latest())
         return tell(NOTICE_FUTURE, "'%s': the moment %" PRId64 " is %" PRId64 " ms ahead",
-                    path_of(param).c_str(), moment, moment + _time.shift() - _time.now());
+                    path_of(param).c_str(), moment, moment - (_time.now() - _time.shift()));
     // A negative one is no moment, and might not be shifted.
     return take(param, value, moment < 0 ? -1 : moment + _time.shift());
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "recorder/impl.h"
+#include "trend/checks.h"
 
 // Opening and letting go.
 
@@ -93,8 +94,7 @@ int CRecorder::CImpl::judge_periods(const std::vector<CPeriodProperties>& period
 {
     for (size_t i = 0; i < periods.size(); ++i) {
         const unsigned long length = periods[i]._period;
-        if (length == 0 || length > UINT32_MAX)
-            return tell(NOTICE_MISUSE, "a period of %lu minutes", length);
+        if (!is_storable(length)) return tell(NOTICE_MISUSE, "a period of %lu minutes", length);
         if (i + 1 == periods.size()) break;
         const unsigned long next = periods[i + 1]._period;
         if (next / length < 2 || next % length != 0)
@@ -107,7 +107,7 @@ int CRecorder::CImpl::judge_periods(const std::vector<CPeriodProperties>& period
                         length, periods[i]._max_entries, next / length);
     }
     const auto keeps_none = [](const CPeriodProperties& period) {
-        return period._max_entries == 0 || period._max_entries > UINT32_MAX;
+        return !is_storable(period._max_entries);
     };
     if (std::any_of(periods.begin(), periods.end(), keeps_none))
         return tell(NOTICE_MISUSE, "a period that keeps no row, or more than can be counted");

@@ -99,7 +99,7 @@ void CTimeline::settle(int64_t wall, int64_t monotonic)
 
 CRecorderClock& system_clock()
 {
-    static CSystemClock clock;
+    static CSystemClock& clock = *new CSystemClock;  // never destroyed: used until the very end
     return clock;
 }
 

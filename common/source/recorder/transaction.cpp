@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "recorder/impl.h"
+#include "trend_transaction.h"
 
 namespace toolkit::trend {
 
@@ -10,22 +11,17 @@ namespace toolkit::trend {
 int CRecorder::CImpl::in_transaction(const std::function<int()>& work)
 {
     constexpr int ATTEMPTS = 40;  // with a millisecond more between them each time
-    notice_t why = NOTICE_FAILED;
+    if (!_log->is_open()) return tell(NOTICE_MISUSE, "the log is not open");
+    notice_t why = NOTICE_BUSY;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         std::this_thread::sleep_for(std::chrono::milliseconds(attempt));
         why = NOTICE_BUSY;
         if (is_busy()) continue;
-        int failed = _log->begin_transaction();
-        if (failed == 0) {
-            try {
-                failed = work();
-            } catch (...) {
-                _log->rollback_transaction();
-                throw;
-            }
-            if (failed != 0) _log->rollback_transaction();
+        {
+            CTransaction whole(*_log);
+            const int failed = whole.failed() ? -1 : work();
             if (failed > 0) return failed;
-            if (failed == 0 && _log->end_transaction() == 0) return 0;
+            if (failed == 0 && whole.commit() == 0) return 0;
         }
         why = why_it_failed();
         // Without the other connection there is no telling.
