@@ -7,7 +7,7 @@ using namespace toolkit::trend;
 
 // Cuts the rows of `finer`, the table that `period` is to be made of, so that they begin just after
 // a boundary of `period`: coarse rows are counted from the oldest fine row that is there. What goes
-// are the ten spare rows and less than one row of `period`.
+// is what lies beyond `_max_entries`, and less than one row of `period`.
 int cut_to_boundary(CLog& log, const CDeviceProperties& device, const CPeriodProperties& finer,
                     const CPeriodProperties& period)
 {

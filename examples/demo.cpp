@@ -21,7 +21,7 @@ namespace {
 
 void open(CLog& log, const std::string& file, bool read_only)
 {
-    // The pool holds the prepared statements: 8 for each device and some.
+    // The pool holds the prepared statements; trend_api.h says how many they are.
     const bool create = !read_only, temp_in_memory = false, wal = true;
     const size_t pool_capacity = 100, page_size = 0, cache_bytes = 0, heap_limit = 0;
     check(log.open(file, read_only, create, pool_capacity, temp_in_memory, page_size, cache_bytes,
@@ -104,6 +104,8 @@ CDeviceParams record(const std::string& file, const readings_t& readings,
     align(log, device, levels, readings._rows.front()._time);
     for (const reading_t& reading : readings._rows) {
         // After a gap, blanks up to the interval before the new row keep the rows on their grid.
+        // For any gap that wants levels of twice the rows that the next one takes; see
+        // docs/guide.md.
         if (reading._time - latest > step)
             check(log.fill_blank_values(device._device, reading._time - step, false));
         check(log.add_trend_data(device, make_snapshot(reading)));

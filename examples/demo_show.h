@@ -9,7 +9,7 @@
 
 #include "chart.h"
 #include "readings.h"
-#include "trend_api.h"
+#include "trend_reader.h"
 
 using namespace toolkit::trend;
 
@@ -21,7 +21,7 @@ inline void check(int result)
     if (result != 0) std::exit(EXIT_FAILURE);
 }
 
-// The rows of the levels, of all with an empty list, in the order of time.
+// The rows of the levels, in the order of time.
 inline std::vector<CSnapshot> read(CLog& log, const CDeviceParams& device,
                                    const std::vector<CPeriodProperties>& levels)
 {
@@ -45,16 +45,20 @@ inline void print_row(const CSnapshot& row)
         std::printf("  %9s %9s %9s\n", "-", "-", "-");
 }
 
-// Each level goes on where the finer one has no rows any more. A coarse row that would overlap the
-// first finer one is left out.
+// Each level goes on where the finer one has no rows any more.
 inline void print_levels(CLog& log, const CDeviceParams& device)
 {
     std::printf(
-        "\nOne read gives each stretch of time at the finest level that still has it, none "
-        "twice:\n\n"
+        "\nOne read gives every moment once, at the finest level that still has it:\n\n"
         "  %-8s  %5s  %-16s    %-16s  %9s %9s\n",
         "level", "rows", "first row to", "last row to", "lowest", "highest");
-    const std::vector<CSnapshot> rows = read(log, device, {});
+    CReadRequest everything;
+    everything._device = device._device;
+    std::vector<CSnapshot> rows;
+    check(CReader(log).best_rows(everything, [&](const CDeviceParams&, const CInterval& row) {
+        rows.push_back(row);
+        return true;  // go on
+    }));
     for (size_t begin = 0, end = 0; begin < rows.size(); begin = end) {
         double low = HUGE_VAL, high = -HUGE_VAL;
         for (; end < rows.size() && rows[end]._period == rows[begin]._period; ++end)

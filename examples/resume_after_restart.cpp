@@ -20,6 +20,8 @@ int record_minutes(const std::vector<time_t>& minutes)
     int recorded = 0;
     for (const time_t time : minutes) {
         if (time <= latest) continue;
+        // One period. With coarser ones fill as record_on_grid() does, or keep twice the rows that
+        // one row of the next coarser period takes.
         if (latest != -1 && time - latest > 60)
             if (log.fill_blank_values(device._device, time - 60, false) != 0) return -1;
         CSnapshot snapshot;

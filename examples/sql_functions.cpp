@@ -27,13 +27,9 @@ const std::vector<reading_t> READINGS = {
     {"pump", 4.0, 0.80, 100.0}, {"pump", 6.0, 0.85, 100.0}, {"pump", 8.0, 0.95, 25.0},
 };
 
-// All readings in one transaction; whatever fails has been reported on standard error. A
-// transaction that is still open when the connection closes is rolled back.
-bool store(const std::string& file)
+// Whatever fails has been reported on standard error.
+bool store_rows(trend::CDatabase& db)
 {
-    trend::CDatabase db;
-    if (db.open(file, 8, false, true, false, 0, 0, 0, true) != 0) return false;
-    if (db.begin_transaction() != 0) return false;
     if (db.exec("CREATE TABLE readings (motor TEXT, power REAL, pf REAL, percent_valid REAL)",
                 trend::STMT_FRESH, trend::ROW_NONE) != 0)
         return false;
@@ -46,7 +42,18 @@ bool store(const std::string& file)
             insert->bind(4, reading._percent_valid) != 0 || insert->step() != 0)
             return false;
     }
-    return db.end_transaction() == 0;
+    return true;
+}
+
+// All readings in one transaction.
+bool store(const std::string& file)
+{
+    trend::CDatabase db;
+    if (db.open(file, 8, false, true, false, 0, 0, 0, true) != 0) return false;
+    if (db.begin_transaction() != 0) return false;
+    if (store_rows(db)) return db.end_transaction() == 0;
+    db.rollback_transaction();
+    return false;
 }
 
 int print_row(void*, int, char** column, char**)

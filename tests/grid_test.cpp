@@ -230,8 +230,7 @@ TEST(record_on_grid, would_leave_the_grid_with_a_single_fill_below_two_groups)
     EXPECT_EQ(count_strays(record_on_grid, below_two_groups), 0U);
 }
 
-// A period added later
-// ------------------------------------------------------------------------------
+// A period added later -------------------------------------------------------------------------
 
 namespace {
 

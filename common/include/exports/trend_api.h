@@ -181,7 +181,8 @@ TREND_EXPORT const char* operation_prefix(sample_type_t type);
 //
 // Every operation that touches the file is one transaction, all of it or nothing, inside the
 // caller's own if begin_transaction() has opened one. After a failure within an own transaction
-// call rollback_transaction(): a commit would keep half of the failed call.
+// roll that back, as CTransaction (trend_transaction.h) does by itself: a commit would keep half of
+// the failed call.
 //
 // An operation that needs an open log reports "Error: DB not open", -1, where it says nothing
 // else. A device is named by its `_index` and must carry its `_path` ("Error: empty device path",

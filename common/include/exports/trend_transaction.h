@@ -13,7 +13,8 @@ namespace toolkit::trend {
 //     return transaction.commit();
 //
 // The log must be open, which is an assertion, and outlive the object. Nested transactions end in
-// the opposite order of their beginning, as objects in nested blocks do. Only the outermost one
+// the opposite order of their beginning, as objects in nested blocks do: one that is committed
+// before one within it answers 0 for work that the inner one then undoes. Only the outermost one
 // talks to SQLite: **an inner one that is rolled back gives up nothing by itself**, so who called
 // it passes its failure on and does not commit either. What the object has begun it ends: do not
 // call end_transaction() or rollback_transaction() for it.
