@@ -38,7 +38,8 @@ int inspect_table(CInspector& inspector, const tk_string& table, const place_t& 
     if (columns == wanted) return 0;
 
     const auto name_of = [](const std::vector<tk_string>& list, size_t i) {
-        return i < list.size() ? "'" + list[i] + "'" : tk_string("missing");
+        if (i >= list.size()) return tk_string("missing");
+        return "'" + list[i] + "'";
     };
     tk_string text = "Table " + table + " is missing.";
     if (!columns.empty()) {
