@@ -258,6 +258,13 @@ TEST_F(check_log, tells_of_values_that_no_log_writes)
               "rows of trends_1_5 give: 2, the first in param_1_avg.\n");
 }
 
+TEST_F(check_log, tells_of_a_percent_valid_that_no_log_writes)
+{
+    EXPECT_EQ(found_after("UPDATE trends_1_1 SET percent_valid = -9e999 WHERE time = 60"),
+              "error values pump 1 60 60 1; Rows of trends_1_1 without a number in percent_valid: "
+              "1.\n");
+}
+
 // Warnings --------------------------------------------------------------------------------------
 
 TEST_F(check_log, tells_of_views_and_triggers_that_name_trend_tables)
@@ -431,6 +438,15 @@ TEST_F(check_log, takes_power_factors_at_both_ends_of_the_scale_for_the_same)
               "rows of trends_1_1 give: 1, the first in param_2_avg.\n");
 }
 
+TEST_F(check_log, adds_power_factors_up_as_any_values)
+{
+    add_params(_pump._device, {pf("sum of cosphi", "sum")});
+    EXPECT_EQ(found_after("UPDATE trends_1_1 SET param_3_sum = 0.5; UPDATE trends_1_5 SET "
+                          "param_3_sum = 2.5; UPDATE trends_1_15 SET param_3_sum = 7.6"),
+              "warning coarse_rows pump 15 900 1800 2; Rows of trends_1_15 that are not what their "
+              "rows of trends_1_5 give: 2, the first in param_3_sum.\n");
+}
+
 TEST_F(check_log, lets_the_last_value_come_from_any_row_of_the_group)
 {
     // Which one it comes from changes when the parameter gives up its extremes.
@@ -545,6 +561,14 @@ TEST_F(check_log, tells_of_free_pages)
     EXPECT_EQ(found(), "");
 }
 
+TEST_F(check_log, takes_a_few_free_pages_for_nothing)
+{
+    EXPECT_EQ(found_after("CREATE TABLE mine (a); INSERT INTO mine VALUES (zeroblob(100000)); "
+                          "CREATE TABLE other (a); INSERT INTO other VALUES (zeroblob(1000000)); "
+                          "DROP TABLE mine"),
+              "");
+}
+
 // The call --------------------------------------------------------------------------------------
 
 TEST_F(check_log, ends_when_the_visitor_has_had_enough)
@@ -584,6 +608,24 @@ TEST_F(check_log, ends_at_any_finding_of_any_part)
         all = last;
     }
     EXPECT_GT(all, 12u);
+}
+
+TEST_F(check_log, ends_at_the_first_finding_whatever_it_is)
+{
+    const finding_visitor_t no_more = [](const CFinding&) { return false; };
+    for (const time_t time : {1860, 1920, 2040, 2100, 2160, 1980})
+        record(_pump, time, {1.0, 1.0});
+    const finding_visitor_t until_late = [](const CFinding& finding) {
+        return finding._kind != FINDING_LATE_ROWS;
+    };
+    EXPECT_QUIET(toolkit::trend::check_log(_log, 2160, until_late), 1);
+    run_sql(_file, "DROP TABLE trends_2_5");
+    const finding_visitor_t until_fan = [](const CFinding& finding) {
+        return finding._device != "fan";
+    };
+    EXPECT_QUIET(toolkit::trend::check_log(_log, 2160, until_fan), 1);
+    run_sql(_file, "PRAGMA user_version = 1");
+    EXPECT_QUIET(toolkit::trend::check_log(_log, 2160, no_more), 1);
 }
 
 TEST_F(check_log, replaces_what_the_list_holds)

@@ -139,7 +139,7 @@ const operation_t OPERATIONS[] = {
      [](CLog& log) {
          CRebuildRequest request;
          request._device = device("shifted", 3);
-         request._bounds = {700, 900};
+         request._bounds = {350, 400};
          request._off_grid = OFF_GRID_EXTEND;
          CRebuildResult result;
          return rebuild(log, request, result);

@@ -382,6 +382,30 @@ TEST_F(rebuild_off_grid, keeps_a_row_that_reaches_into_what_has_been_trimmed)
     EXPECT_EQ(fives(), "6|3.6\n11|9.0\n20|18.0\n25|23.0");
 }
 
+TEST_F(rebuild, keeps_coarse_rows_of_middle_rows_that_are_off_the_grid)
+{
+    make_log({{1, 100}, {5, 100}, {10, 100}});
+    record_minutes(1, 2);
+    record_minutes(4, 23);  // rows of 6, 11, 16 and 21 minutes, and of 11 and 21
+    _request._bounds = {14 * 60, 20 * 60};
+    _request._off_grid = OFF_GRID_EXTEND;
+    _request._dry_run = true;
+    EXPECT_EQ(made(), "1 to 1380 extended, 1 blanks, 6 recomputed");
+
+    // Without the minutes the middle rows stay, and so do those that are made of them.
+    run_sql(_file, "DELETE FROM trends_1_1 WHERE time < 1380");
+    EXPECT_EQ(made(), "601 to 1380 extended, 5 kept");
+}
+
+TEST_F(rebuild, takes_away_a_row_off_the_grid_in_the_first_group_of_all)
+{
+    make_log({{1, 100}, {5, 100}});
+    record_minutes(1, 6);
+    run_sql(_file, "INSERT INTO trends_1_5 VALUES (180, 100, 1)");
+    EXPECT_EQ(made(), "1 to 360, 1 recomputed");
+    EXPECT_EQ(fives(), "5|3.0");
+}
+
 // Dry run, progress, transactions ---------------------------------------------------------------
 
 TEST_F(rebuild_off_grid, counts_in_a_dry_run_and_changes_nothing)

@@ -37,17 +37,19 @@ int inspect_table(CInspector& inspector, const tk_string& table, const place_t& 
     if (ended) return ended;
     if (columns == wanted) return 0;
 
+    const auto name_of = [](const std::vector<tk_string>& list, size_t i) {
+        if (i >= list.size()) return tk_string("missing");
+        return "'" + list[i] + "'";
+    };
     tk_string text = "Table " + table + " is missing.";
     if (!columns.empty()) {
         size_t i = 0;
-        while (i < columns.size() && i < wanted.size() && columns[i] == wanted[i])
+        while (name_of(columns, i) == name_of(wanted, i))
             ++i;
-        text = "Column " + std::to_string(i + 1) + " of " + table + " is " +
-               (i < columns.size() ? "'" + columns[i] + "'" : "missing") + " and should be " +
-               (i < wanted.size() ? "'" + wanted[i] + "'" : "missing") + ".";
+        text = "Column " + std::to_string(i + 1) + " of " + table + " is " + name_of(columns, i) +
+               " and should be " + name_of(wanted, i) + ".";
     }
-    const int stopped = inspector.found(FINDING_SCHEMA, text, place);
-    return stopped ? stopped : LEFT_OUT;
+    return inspector.found_unusable(FINDING_SCHEMA, text, place);
 }
 
 // Whether there are entries that no log has written.
@@ -78,9 +80,9 @@ int inspect_version(CInspector& inspector)
         });
     if (ended) return ended;
     if (version == SCHEMA_VERSION) return 0;
-    const int stopped = inspector.found(
-        FINDING_SCHEMA, "The schema version is " + std::to_string(version) + " and should be 2.");
-    return stopped ? stopped : LEFT_OUT;
+    return inspector.found_unusable(
+        FINDING_SCHEMA, "The schema version is " + std::to_string(version) + " and should be 2.",
+        {});
 }
 
 int inspect_periods(CInspector& inspector, survey_t& survey)

@@ -67,26 +67,12 @@ const char* severity_name(severity_t severity)
     return NAMES[static_cast<size_t>(severity)];
 }
 
-int64_t number_of(const CStatement& row, size_t col)
-{
-    int64_t number = -1;
-    static_cast<void>(row.column(col, number, NULL_OK));
-    return number;
-}
-
 tk_string text_of(const CStatement& row, size_t col)
 {
     tk_string text;
     // It is a text or NULL, so this can only be the memory for its conversion.
     if (CThrowing::column(row, col, text, NULL_OK) != 0) throw std::bad_alloc();
     return text;
-}
-
-COptVal value_of(const CStatement& row, size_t col)
-{
-    COptVal value;
-    static_cast<void>(row.column(col, value));
-    return value;
 }
 
 int CInspector::found(finding_kind_t kind, const tk_string& text, const place_t& place,
@@ -106,16 +92,18 @@ int CInspector::found(finding_kind_t kind, const tk_string& text, const place_t&
     return _visit(finding) ? 0 : STOPPED;
 }
 
+int CInspector::found_unusable(finding_kind_t kind, const tk_string& text, const place_t& place)
+{
+    const int stopped = found(kind, text, place);
+    return stopped ? stopped : LEFT_OUT;
+}
+
 int CInspector::unreadable(const tk_string& what, const place_t& place)
 {
-    // A transaction that SQLite has ended is no matter of the content, whatever failed before.
     const int code = sqlite3_errcode(*_db) & 0xff;
-    const bool content = code == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_ERROR;
-    if (!content || sqlite3_get_autocommit(*_db) != 0) return -1;
+    if (code != SQLITE_CORRUPT && code != SQLITE_NOTADB && code != SQLITE_ERROR) return -1;
     const tk_string why = sqlite3_errmsg(*_db);
-    if (const int ended = found(FINDING_DAMAGE, what + " cannot be read: " + why + ".", place))
-        return ended;
-    return LEFT_OUT;
+    return found_unusable(FINDING_DAMAGE, what + " cannot be read: " + why + ".", place);
 }
 
 }  // namespace toolkit::trend

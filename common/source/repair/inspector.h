@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "runsql.h"
+#include "repair/numbers.h"
 #include "trend_repair.h"
 
 namespace toolkit::trend {
@@ -34,10 +34,8 @@ struct stretch_t {
     }
 };
 
-// Values of a query that cannot be of another type; NULL is -1, empty, absent.
-int64_t number_of(const CStatement& row, size_t col);
+// A text of a query that cannot be of another type; NULL is empty.
 tk_string text_of(const CStatement& row, size_t col);
-COptVal value_of(const CStatement& row, size_t col);
 
 // One check: reads, and hands on what is found.
 class CInspector {
@@ -54,6 +52,9 @@ public:
     // 0, or STOPPED.
     int found(finding_kind_t kind, const tk_string& text, const place_t& place = {},
               const stretch_t& stretch = {});
+
+    // The same for a finding that leaves nothing to build on: LEFT_OUT, or STOPPED.
+    int found_unusable(finding_kind_t kind, const tk_string& text, const place_t& place);
 
     // After a statement on `what` has failed: LEFT_OUT with a finding when that is the content's
     // fault, else -1.

@@ -8,7 +8,23 @@
 
 namespace toolkit::trend {
 
-// Reads the whole numbers of a query that has exactly one row; NULL reads as -1.
+// Values of a query that cannot be of another type: whoever asks has made sure of that. NULL is -1,
+// or absent.
+inline int64_t number_of(const CStatement& row, size_t col)
+{
+    int64_t number = -1;
+    static_cast<void>(row.column(col, number, NULL_OK));
+    return number;
+}
+
+inline COptVal value_of(const CStatement& row, size_t col)
+{
+    COptVal value;
+    static_cast<void>(row.column(col, value));
+    return value;
+}
+
+// Reads the whole numbers of a query that has exactly one row.
 template <size_t N, typename... Values>
 int read_numbers(CDatabase& db, const tk_string& sql, std::array<int64_t, N>& out,
                  const Values&... values)
@@ -18,7 +34,7 @@ int read_numbers(CDatabase& db, const tk_string& sql, std::array<int64_t, N>& ou
     if (const int failed = bind_all(*stmt, values...)) return failed;
     if (stmt->step() < 0) return -1;
     for (size_t i = 0; i < N; ++i)
-        if (const int failed = stmt->column(i, out[i], NULL_OK)) return failed;
+        out[i] = number_of(*stmt, i);
     return 0;
 }
 

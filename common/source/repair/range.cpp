@@ -145,17 +145,17 @@ int CRebuild::look_at_group(size_t idx, int64_t begin, unsigned long& rows)
 {
     const level_t& fine = _levels[idx - 1];
     const level_t& coarse = _levels[idx];
-    const tk_string sql = sql_text("SELECT count(*), count(DISTINCT (time - 1) / ", fine._length,
-                                   ") FROM trends_", _request._device._index, "_",
-                                   fine._period._period, " WHERE time > ? AND time <= ?");
-    const int64_t end = begin + coarse._length;
-    std::array<int64_t, 2> numbers = {};
-    if (const int failed = read_numbers(_db, sql, numbers, begin, end)) return failed;
-    int64_t off_grid = 0;  // in the finest table no row is
-    if (idx > 1)
-        if (const int failed = count_off_grid(idx - 1, begin, end, off_grid)) return failed;
-    const bool whole = numbers[1] == static_cast<int64_t>(coarse._group) && off_grid == 0;
-    rows = whole ? static_cast<unsigned long>(numbers[0]) : 0;
+    const tk_string sql =
+        sql_text("SELECT count(*), count(DISTINCT (time - 1) / ", fine._length, "), coalesce(sum((",
+                 fine._length, " - time % ", fine._length, ") % ", fine._length,
+                 " >= ", _levels.front()._length, "), 0) FROM trends_", _request._device._index,
+                 "_", fine._period._period, " WHERE time > ? AND time <= ?");
+    std::array<int64_t, 3> numbers = {};
+    if (const int failed = read_numbers(_db, sql, numbers, begin, begin + coarse._length))
+        return failed;
+    const auto [stored, intervals, off_grid] = numbers;
+    const bool whole = intervals == static_cast<int64_t>(coarse._group) && off_grid == 0;
+    rows = whole ? static_cast<unsigned long>(stored) : 0;
     return 0;
 }
 

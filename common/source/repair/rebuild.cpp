@@ -179,9 +179,7 @@ int CRebuild::has_values(int64_t time, bool& values)
     const int retval = stmt->step();
     if (retval <= 0) return retval;
 
-    int64_t found = -1;
-    if (const int failed = stmt->column(0, found, NULL_NOT_OK)) return failed;
-    if (found != time) return 0;
+    if (number_of(*stmt, 0) != time) return 0;
     size_t col = 2;
     for (const CParamProperties& param : _params)
         for (const aggregate_t& aggregate : AGGREGATES) {
@@ -224,12 +222,8 @@ int CRebuild::fill_missing()
         return failed;
     const int64_t first = first_to_fill(oldest);
 
-    const stmt_wrapper_t blank(
-        CThrowing::stmt(_db,
-                        sql_text("INSERT INTO trends_", _request._device._index, "_",
-                                 finest._period._period, " (time, percent_valid) VALUES (?,0)"),
-                        STMT_POOLED));
-    if (!blank) return -1;
+    const tk_string blank = sql_text("INSERT INTO trends_", _request._device._index, "_",
+                                     finest._period._period, " (time, percent_valid) VALUES (?,0)");
     const stmt_wrapper_t rows(CThrowing::stmt(
         _db,
         sql_text("SELECT time FROM trends_", _request._device._index, "_", finest._period._period,
@@ -242,17 +236,15 @@ int CRebuild::fill_missing()
     int64_t missing = first / finest._length + 1;
     const auto fill_up_to = [&](int64_t interval) {
         for (; missing < interval; ++missing, ++_result._blanks) {
-            if (const int failed = blank->reset()) return failed;
-            if (const int failed = bind_all(*blank, missing * finest._length)) return failed;
-            if (const int failed = run(*blank)) return failed;
-            if (const int ended = tell(0, missing * finest._length)) return ended;
+            const int64_t time = missing * finest._length;
+            if (const int failed = run_once(_db, blank, STMT_POOLED, time)) return failed;
+            if (const int ended = tell(0, time)) return ended;
         }
         return 0;
     };
     int retval = 0;
     while ((retval = rows->step()) == 1) {
-        int64_t time = -1;
-        if (const int failed = rows->column(0, time, NULL_NOT_OK)) return failed;
+        const int64_t time = number_of(*rows, 0);
         const int64_t interval = interval_of(time, finest._length);
         if (const int ended = fill_up_to(interval)) return ended;
         missing = interval + 1;
