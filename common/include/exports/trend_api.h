@@ -207,9 +207,9 @@ public:
     //                  it belongs to. Without it, or with read_only, the file is taken as it is:
     //                  nothing is created, checked or migrated.
     //   pool_capacity  how many prepared statements are kept, 1 or more. 5 * devices * periods + 4
-    //                  serve recording without preparing anything twice. Where memory is short,
-    //                  3 * devices + 3 serve all snapshots but those that complete a coarse row
-    //                  and the next ones.
+    //                  serve recording without preparing anything twice, whoever else writes.
+    //                  Where memory is short and nobody else does, 3 * devices + 2 serve all
+    //                  snapshots, those that complete a row of the second period included.
     //   temp_in_memory keeps SQLite's temporary storage in memory. The journal mode is then left
     //                  as the file has it, whatever `wal` says.
     //   page_size      of a new file, in bytes, a power of two from 512 to 65536; 0 means 4096.
