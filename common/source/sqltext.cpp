@@ -57,15 +57,6 @@ void append_roll_up(tk_string& text, const CParamProperties& param)
         if (param.*aggregate._kept) append_roll_up(text, param, aggregate);
 }
 
-// ", param_7_min, param_7_max".
-void append_columns(tk_string& text, const std::vector<CParamProperties>& params)
-{
-    const size_t start = text.size();
-    text.resize(start + columns_size(params));
-    const char* end = write_columns(text.data() + start, params);
-    text.resize(static_cast<size_t>(end - text.data()));
-}
-
 }  // namespace
 
 tk_string create_trend_table_text(int64_t device, unsigned long period,
