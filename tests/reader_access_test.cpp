@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include "database.h"
 #include "log_fixture.h"
 #include "trend/access.h"
 #include "trend_reader.h"

@@ -265,6 +265,49 @@ TEST_P(points_of, a_random_history_on_the_grid_are_at_most_as_many_as_asked_for)
     }
 }
 
+TEST_P(points_of, a_random_history_in_one_bucket_have_its_extremes)
+{
+    make_history(GetParam());
+    for (int i = 0; i < 6; ++i) {
+        int64_t first = -1, last = -1;
+        choose_window(first, last);
+        std::vector<CExtremes> got;
+        EXPECT_QUIET(CReader(_log).extremes(request(first, last), got), 0);
+        ASSERT_EQ(_device._params.size(), got.size());
+
+        const int64_t from = std::max<int64_t>(first, 0) - 1;
+        const int64_t to = last != -1 ? last : _history.newest() + 1;
+        const std::vector<reference::piece_t> pieces =
+            reference::pick(_history, [&](const reference::row_t& row) {
+                return 60 * static_cast<int64_t>(row._period) <= to - from &&
+                       (row._time <= from || row._start >= to ||
+                        (row._start >= from && row._time <= to));
+            });
+        for (const COptVal CSample::*which : {&CSample::_min, &CSample::_max}) {
+            const bool is_min = which == &CSample::_min;
+            COptVal expected;  // of the first parameter
+            for (const reference::piece_t& piece : pieces) {
+                const COptVal& value = piece._row->_samples[0].*which;
+                if (piece._end <= from || piece._start >= to || !value) continue;
+                if (!expected || (is_min ? *value < *expected : *value > *expected))
+                    expected = value;
+            }
+            const CExtreme& told = is_min ? got[0]._min : got[0]._max;
+            ASSERT_EQ(!expected, !told._value);
+            if (!expected) continue;
+            EXPECT_EQ(*expected, *told._value);
+            bool is_stored = false;
+            for (const auto& table : _history._tables)
+                for (const reference::row_t& row : table)
+                    is_stored =
+                        is_stored || (row._period == told._period && row._time == told._time &&
+                                      row._start == told._start && row._samples[0].*which &&
+                                      *(row._samples[0].*which) == *expected);
+            EXPECT_TRUE(is_stored);
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(random_history, points_of, testing::Range(1U, 61U));
 
 }  // namespace
