@@ -305,6 +305,47 @@ TEST_F(failing_commits, into_a_log_that_the_host_has_closed_lose_nothing)
     EXPECT_EQ(rows("param_1_avg"), "60|1.0");
 }
 
+TEST_F(failing_commits, whose_rows_are_stored_all_the_same_store_none_twice)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    push_minute(2, 2.0);
+    testing::internal::CaptureStderr();
+    {
+        refuse_commit refused;
+        EXPECT_EQ(tick_after_minute(2), NOTICE_FAILED);
+    }
+    testing::internal::GetCapturedStderr();
+    // As where only the last step of the commit has failed.
+    run_sql(_file,
+            "INSERT INTO trends_1_1 VALUES (1800000060, 33.0, 1.0), (1800000120, 33.0, 2.0)");
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("percent_valid, param_1_avg"), "60|33.0|1.0\n120|33.0|2.0");
+    EXPECT_EQ(count(NOTICE_REJECTED), 0);
+    EXPECT_EQ(_recorder->stats()._rows, 2U);
+    EXPECT_EQ(_recorder->stats()._pending_rows, 0U);
+}
+
+TEST_F(failing_commits, where_a_gap_cannot_be_filled_are_repeated)
+{
+    open();
+    attach({gauge("u")});
+    push_minute(1, 1.0);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    push_minute(4, 4.0);
+    testing::internal::CaptureStderr();
+    {
+        deny_prepare denied("INSERT INTO trends_1_1 (time, percent_valid) VALUES (?,0)");
+        EXPECT_EQ(tick_after_minute(4), NOTICE_FAILED);
+        EXPECT_TRUE(denied.struck());
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0\n120|NULL\n180|NULL\n240|4.0");
+}
+
 TEST_F(failing_commits, leave_out_rows_that_another_writer_has_overtaken)
 {
     open();

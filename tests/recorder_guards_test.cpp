@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "recorder_fixture.h"
@@ -323,7 +324,7 @@ TEST_F(misuse, across_a_fork_is_noticed)
         const bool said =
             told().find("misuse: it was opened by another process, before fork()\n") == 0;
         _recorder.reset();  // which leaves the parent's file alone
-        _exit(refused && said ? 0 : 1);
+        std::exit(refused && said ? 0 : 1);
     }
     int status = -1;
     waitpid(child, &status, 0);

@@ -230,6 +230,36 @@ TEST_F(opening, fails_where_no_file_can_be)
     EXPECT_EQ(told(), "failed: 'no/such/folder' cannot be opened\nfailed: '' cannot be opened\n");
 }
 
+TEST_F(opening, fails_on_a_folder)
+{
+    std::filesystem::create_directory(_file);
+    std::ofstream(_file + "/something").close();
+    EXPECT_REPORTS(
+        _recorder->open(_file, _options), NOTICE_FAILED,
+        "int toolkit::trend::CDatabase::open(const tk_string&, size_t, bool, bool, bool, "
+        "size_t, size_t, size_t, bool): can't open DB 'trend.db'\n");
+    EXPECT_EQ(told(), "failed: 'trend.db' cannot be opened\n");
+}
+
+TEST_F(opening, looks_again_where_it_could_not)
+{
+    open();
+    _recorder->close();
+    for (const char* text :
+         {"SELECT count(*) FROM sqlite_master", "SELECT count(*) FROM periods",
+          "SELECT (SELECT count(*) FROM pragma_table_info('periods') "
+          "WHERE name IN ('period', 'max_entries')) + "
+          "(SELECT count(*) FROM pragma_table_info('devices') WHERE name IN ('idx', 'path'))"}) {
+        testing::internal::CaptureStderr();
+        deny_prepare denied(text);
+        open();
+        EXPECT_TRUE(denied.struck()) << text;
+        testing::internal::GetCapturedStderr();
+        _recorder->close();
+    }
+    EXPECT_EQ(told(), "");
+}
+
 TEST_F(opening, works_on_a_log_of_the_host)
 {
     CLog log;
@@ -457,6 +487,20 @@ TEST_F(attaching, gives_up_when_another_process_writes_for_too_long)
     EXPECT_EQ(attach_device(device({gauge("u")})), NOTICE_BUSY);
     EXPECT_EQ(told(), "busy: another process is writing the file\n");
     writer.release();
+    EXPECT_EQ(attach_device(device({gauge("u")})), 0);
+}
+
+TEST_F(attaching, fails_where_the_newest_row_cannot_be_read)
+{
+    testing::internal::CaptureStderr();
+    {
+        deny_prepare denied("SELECT max(time) FROM trends_1_1");
+        EXPECT_EQ(attach_device(device({gauge("u")})), NOTICE_FAILED);
+        EXPECT_TRUE(denied.struck());
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told(), "failed: the log has refused to set it up\n");
+    EXPECT_EQ(::rows(_file, "SELECT * FROM devices"), "");
     EXPECT_EQ(attach_device(device({gauge("u")})), 0);
 }
 

@@ -88,6 +88,9 @@ private:
 
     // look.cpp
     int look_into(const tk_string& name, size_t& num_periods);
+    int open_side();
+    void end_look();
+    bool settle();
     bool is_busy();
     notice_t why_it_failed();
 
@@ -139,8 +142,10 @@ private:
     pid_t _process = 0;
     bool _in_use = false;  // a notice is being told
 
+    tk_string _name;  // of the file; empty for a log of the host's
     std::unique_ptr<CLog> _own_log;
     std::unique_ptr<CDatabase> _side;  // beside the log's own: looks whether the file is locked
+    bool _is_unsettled = false;        // the log's last transaction failed
     int64_t _version = -1;             // of the file's data, at the last such look
     CLog* _log = nullptr;
 

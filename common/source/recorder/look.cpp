@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "recorder/impl.h"
+#include "trend_transaction.h"
 
 // What only a connection beside the log's own can tell: whose file it is, before it is opened for
 // writing, and whether somebody else has it locked, which the log would wait for.
@@ -79,15 +80,40 @@ int CRecorder::CImpl::look_into(const tk_string& name, size_t& num_periods)
     return 0;
 }
 
+int CRecorder::CImpl::open_side()
+{
+    _side = std::make_unique<CDatabase>();
+    return _side->open(_name, 1, false, false, false, 0, 0, 0, false);
+}
+
+// What cannot be rolled back would lock the log out for ever: without memory that is, and only the
+// end of the connection helps. The next look makes another one.
+void CRecorder::CImpl::end_look()
+{
+    if (sqlite3_get_autocommit(**_side) == 0) run(*_side, "ROLLBACK");
+    if (sqlite3_get_autocommit(**_side) == 0) _side.reset();
+}
+
+// A rollback that failed has left the log's own transaction open, which would look like somebody
+// else's. It is made up for as another one begins.
+bool CRecorder::CImpl::settle()
+{
+    if (!_is_unsettled) return true;
+    const CTransaction next(*_log);
+    _is_unsettled = next.failed() != 0;
+    return !_is_unsettled;
+}
+
 // Another one may begin right after the look. The log then waits until that one has ended.
 bool CRecorder::CImpl::is_busy()
 {
+    if (_name.empty()) return false;
+    if (!settle()) return false;
+    if (!_side && open_side() != 0) _side.reset();
     if (!_side) return false;
     const int code = run(*_side, "BEGIN EXCLUSIVE");
-    if (code == SQLITE_OK) {
-        _version = data_version(*_side);
-        run(*_side, "ROLLBACK");
-    }
+    if (code == SQLITE_OK) _version = data_version(*_side);
+    end_look();
     return is_locked(code);
 }
 
@@ -95,13 +121,14 @@ bool CRecorder::CImpl::is_busy()
 // version of the data; else a commit that changes nothing meets what the log's has met.
 notice_t CRecorder::CImpl::why_it_failed()
 {
-    if (!_side) return NOTICE_FAILED;
+    _is_unsettled = true;
+    if (!_side || !settle()) return NOTICE_FAILED;
     const int64_t version = data_version(*_side);
     if (version >= 0 && version != _version) return NOTICE_BUSY;
     int code = run(*_side, "BEGIN EXCLUSIVE");
     if (code == SQLITE_OK) code = run(*_side, "PRAGMA user_version = 2");
     if (code == SQLITE_OK) code = run(*_side, "COMMIT");
-    if (sqlite3_get_autocommit(**_side) == 0) run(*_side, "ROLLBACK");
+    end_look();
     if (is_locked(code)) return NOTICE_BUSY;
     return code == SQLITE_FULL ? NOTICE_FULL : NOTICE_FAILED;
 }

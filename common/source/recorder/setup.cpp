@@ -32,7 +32,9 @@ int CRecorder::CImpl::open(const tk_string* name, CLog* log, const CRecorderOpti
     _queue.emplace(_options._max_bytes);
     _devices.reserve(_options._max_devices);
 
+    _is_unsettled = false;
     if (name) {
+        _name = *name;
         if (const int failed = open_log(*name)) return failed;
     } else {
         if (!log->is_open()) return tell(NOTICE_MISUSE, "the log is not open");
@@ -52,6 +54,7 @@ void CRecorder::CImpl::let_go()
     _side.reset();
     _own_log.reset();
     _log = nullptr;
+    _name.clear();
     _periods.clear();
     _devices.clear();
     _params.clear();
@@ -143,8 +146,7 @@ int CRecorder::CImpl::open_connections(const tk_string& name, size_t num_periods
     if (const int failed = _own_log->open(name, false, true, pool, false, 0, _options._cache_bytes,
                                           0, _options._wal))
         return failed;
-    _side = std::make_unique<CDatabase>();
-    return _side->open(name, 1, false, false, false, 0, 0, 0, false);
+    return open_side();
 }
 
 // The periods of the file, which a new one gets now.

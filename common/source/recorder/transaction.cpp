@@ -25,7 +25,7 @@ int CRecorder::CImpl::in_transaction(const std::function<int()>& work)
         }
         why = why_it_failed();
         // Without the other connection there is no telling.
-        if (_side && why != NOTICE_BUSY) break;
+        if (!_name.empty() && why != NOTICE_BUSY) break;
     }
     return tell(why, why == NOTICE_BUSY ? "another process is writing the file"
                                         : "the log has refused to set it up");
