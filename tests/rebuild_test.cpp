@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "faults.h"
 #include "log_fixture.h"
 #include "sql_reports.h"
 #include "trend_repair.h"
@@ -493,6 +494,18 @@ TEST_F(rebuild_off_grid, refuses_inside_a_transaction_what_a_rollback_there_coul
     EXPECT_REPORTS(toolkit::trend::rebuild(_log, _request, _result), -1,
                    FN + "progress callback inside a transaction\n");
     _log.rollback_transaction();
+}
+
+// SQLite has the transaction open then, but no level of the host's is.
+TEST_F(rebuild_off_grid, makes_up_for_a_rollback_that_could_not_run)
+{
+    _request._off_grid = OFF_GRID_EXTEND;
+    _request._dry_run = true;
+    capture_stderr([&] {
+        const deny_prepare denied("ROLLBACK");
+        EXPECT_EQ(toolkit::trend::rebuild(_log, _request, _result), 0);
+    });
+    EXPECT_EQ(made(), "1 to 1020 extended, 1 merged, 3 recomputed");
 }
 
 // Refusals --------------------------------------------------------------------------------------

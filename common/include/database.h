@@ -80,6 +80,9 @@ public:
     int end_transaction();
     void rollback_transaction();
 
+    // Whether a level is open.
+    bool in_transaction() const { return _nest_lvl > 0; }
+
     // Checkpoint of the write-ahead log, and the number of pages at which SQLite makes one itself
     // (0 or less: never). Without effect unless opened writable with `wal`. 1 on failure.
     int checkpoint();

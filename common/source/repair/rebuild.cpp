@@ -71,7 +71,7 @@ try {
     result = CRebuildResult();
     if (const int failed = check_device(fn, db, request._device)) return failed;
     if (const int failed = check_request(fn, request)) return failed;
-    if (sqlite3_get_autocommit(**db) == 0) {
+    if (db->in_transaction()) {
         if (request._dry_run) return refuse(fn, "dry run inside a transaction");
         if (request._progress) return refuse(fn, "progress callback inside a transaction");
     }
