@@ -5,6 +5,7 @@
 #include "runsql.h"
 #include "sqlformat.h"
 #include "sqltext.h"
+#include "throwing.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -15,8 +16,9 @@ constexpr size_t HAS_VALUE = 2;  // columns: time, percent_valid, whether the ro
 
 int cover_rows(CDatabase& db, const subject_t& subject, const window_t& window, CCoverage& coverage)
 {
-    const stmt_wrapper_t stmt(db.stmt(
-        coverage_text(subject.index(), coverage._period._period, subject.params()), STMT_FRESH));
+    const stmt_wrapper_t stmt(CThrowing::stmt(
+        db, coverage_text(subject.index(), coverage._period._period, subject.params()),
+        STMT_FRESH));
     if (!stmt) return -1;
     if (const int failed = bind_all(*stmt, window._first, window._last)) return failed;
 

@@ -2,6 +2,7 @@
 #include "reader/point.h"
 #include "reader/view.h"
 #include "sqltext.h"
+#include "throwing.h"
 #include "trend/checks.h"
 #include "trend/fetch.h"
 #include "trend/lists.h"
@@ -37,9 +38,10 @@ try {
                 oldest_finer_times(*db, request._device, subject._periods, upper_bounds))
             return failed;
     const stmt_wrapper_t stmt(
-        db->stmt(read_text(subject.index(), subject._periods, subject.params(), request._bounds,
-                           no_overlap, ascending, false),
-                 STMT_FRESH));
+        CThrowing::stmt(*db,
+                        read_text(subject.index(), subject._periods, subject.params(),
+                                  request._bounds, no_overlap, ascending, false),
+                        STMT_FRESH));
     if (!stmt) return -1;
     if (const int failed =
             bind_read(*stmt, subject._periods, request._bounds, no_overlap, upper_bounds, 0, 0))

@@ -5,6 +5,7 @@
 
 #include "runsql.h"
 #include "sqltext.h"
+#include "throwing.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -31,7 +32,7 @@ int scan_t::look(int64_t moment)
     moment = std::max(moment, EARLIEST);
     if (!_stmt) {
         // Fresh: a view must not drive out of the pool what recording needs.
-        _stmt = _db.stmt(scan_text(_device, _period, _params), STMT_FRESH);
+        _stmt = CThrowing::stmt(_db, scan_text(_device, _period, _params), STMT_FRESH);
         return _stmt ? seek(moment) : -1;
     }
     if (_previous <= moment) {
