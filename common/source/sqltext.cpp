@@ -198,11 +198,14 @@ tk_string wrong_types_text(const tk_string& table, const std::vector<tk_string>&
 tk_string scan_text(int64_t device, unsigned long period,
                     const std::vector<CParamProperties>* params)
 {
-    tk_string text(FIXED_SIZE + (params ? columns_size(*params) : 0), '\0');
-    char* out = write_pieces(text.data(), "SELECT time");
-    if (params) out = write_columns(write_piece(out, ", percent_valid"), *params);
-    out = write_pieces(out, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
-    text.resize(static_cast<size_t>(out - text.data()));
+    tk_string text = "SELECT time";
+    if (params) {
+        append_sql(text, ", percent_valid");
+        for (const CParamProperties& param : *params)
+            for (const tk_string& name : column_list(param))
+                append_sql(text, ", ", name);
+    }
+    append_sql(text, " FROM trends_", device, "_", period, " WHERE time > ? ORDER BY time");
     return text;
 }
 

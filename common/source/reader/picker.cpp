@@ -132,9 +132,10 @@ int picker_t::find_other(size_t number, bool& found, piece_t& piece)
     const layer_t& layer = _layers[number];
     scan_t& row = scout(number);
     int64_t moment = std::max(layer._position, layer._given);
-    for (;; moment = row.time()) {
+    do {
         if (const int failed = row.look(moment)) return failed;
         if (!row.found()) return 0;
+        moment = row.time();  // where the one after it is looked for
         if (layer._has_below && row.start() > layer._below._start) return 0;
         if (!is_inside(row))
             if (const int failed = judge(number, row, found)) return failed;
@@ -143,9 +144,9 @@ int picker_t::find_other(size_t number, bool& found, piece_t& piece)
                      row.time()};
             return 0;
         }
-        // The one after it would begin too late. The scan stays where it is needed again.
-        if (layer._has_below && row.time() > layer._below._start) return 0;
-    }
+        // Else the one after it would begin too late. The scan stays where it is needed again.
+    } while (!layer._has_below || row.time() <= layer._below._start);
+    return 0;
 }
 
 // Where a layer looks for its rows. Those of a period that layer 0 gives too are looked at there:

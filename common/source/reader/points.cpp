@@ -73,7 +73,7 @@ public:
         const int64_t end = _buckets.end(_range._last);
         if (const int failed = _picker.start(_buckets.start(_range._first))) return failed;
         bool more = true;
-        while (more) {
+        for (;;) {
             piece_t piece;
             bool found = false;
             if (const int failed = _picker.next(found, piece)) return failed;
@@ -87,7 +87,6 @@ public:
                 if (const int failed = add(piece, place)) return failed;
             _end = piece._end;
         }
-        return 0;
     }
 
 private:

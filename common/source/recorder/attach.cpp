@@ -213,9 +213,10 @@ void CRecorder::CImpl::tell_cost(plan_t& plan)
 
 int CRecorder::CImpl::change_params(plan_t& plan)
 {
-    if (!plan._removed.empty() && _log->remove_params(plan._device, plan._removed) != 0) return -1;
-    if (!plan._modified.empty() && _log->modify_params(plan._device, plan._modified) != 0)
-        return -1;
+    if (!plan._removed.empty())
+        if (const int failed = _log->remove_params(plan._device, plan._removed)) return failed;
+    if (!plan._modified.empty())
+        if (const int failed = _log->modify_params(plan._device, plan._modified)) return failed;
     std::vector<CParamProperties> added;
     const auto is_new = [](const CParamProperties& param) { return param._index < 0; };
     std::copy_if(plan._params.begin(), plan._params.end(), std::back_inserter(added), is_new);
