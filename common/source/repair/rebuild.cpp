@@ -145,7 +145,8 @@ int CRebuild::merge_row(const CSnapshot& row, const tk_string& merging)
     // Older than everything there is, and so old that the next roll-up would delete it.
     const level_t& finest = _levels.front();
     const uint64_t age = static_cast<uint64_t>((_newest - row._time) / finest._length);
-    if (row._time < finest._oldest && age >= finest._period._max_entries + SPARE_INTERVALS) {
+    if (row._time < finest._oldest &&
+        age >= uint64_t(finest._period._max_entries) + SPARE_INTERVALS) {
         ++_result._too_old;
         return 0;
     }
@@ -297,7 +298,7 @@ int CRebuild::recompute_group(size_t idx, int64_t begin, const tk_string& roll_u
     // What has been trimmed here, while the finer table keeps it, does not come back.
     const uint64_t age = static_cast<uint64_t>((_newest_end - end) / coarse._length);
     if ((coarse._oldest < 0 || end < coarse._oldest) &&
-        age >= coarse._period._max_entries + SPARE_INTERVALS)
+        age >= uint64_t(coarse._period._max_entries) + SPARE_INTERVALS)
         return 0;
 
     // A coarse row off the grid is made of rows of the group before as well.
