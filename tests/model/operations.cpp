@@ -141,7 +141,7 @@ std::string describe_call(const operation_t& op)
             return "remove_params of " + text(op.device) + ": " + text(op.params);
         case kind_t::RECORD:
             return "add_trend_data of " + text(op.device) + " at " + std::to_string(op.time) +
-                   ", " + text(op.percent) + " % valid: " + samples_text(op);
+                   ", " + model::text(op.percent) + " % valid: " + samples_text(op);
         case kind_t::LATEST:
             return "get_latest_timestamp of " + text(op.device);
         case kind_t::FILL:

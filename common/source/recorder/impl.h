@@ -44,7 +44,7 @@ struct device_t {
     int64_t _attempted = -1;  // the newest row of a commit that failed at its end
 };
 
-class CRecorder::CImpl {
+class __attribute__((visibility("hidden"))) CRecorder::CImpl {
 public:
     CImpl() = default;
     ~CImpl();
