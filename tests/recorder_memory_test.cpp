@@ -18,6 +18,8 @@ protected:
         _options._commit_every_ms = 24 * 3'600'000;
     }
 
+    void TearDown() override { _recorder.reset(); }  // which tells once more
+
     notice_t _last_notice = NOTICE_NONE;
 };
 

@@ -1,5 +1,6 @@
 // Every call of SQLite's to its VFS fails in turn, once or from then on, during every operation.
-// TREND_FAULTS_EVERY takes one in so many of them, TREND_FAULTS_SEED says which.
+// TREND_FAULTS_EVERY takes one in so many of them, TREND_FAULTS_SEED says which. Of steps that make
+// very many calls one in 12 is taken unless TREND_FAULTS_ALL is set.
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>

@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "memory.h"
-#include "trend_repair.h"
 #include "trend_reader.h"
+#include "trend_repair.h"
 
 using namespace toolkit::trend;
 
@@ -504,14 +504,14 @@ const std::vector<step_t> STEPS = {
          return answer_t{log.clear_trend_data(pump(), {-1, -1}), ""};
      }},
 
-    {"rebuild", step_t::LOG, step_t::NO_TRAITS, 0,
+    {"rebuild", step_t::LOG, step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return rebuild_pump(log, false); }},
-    {"rebuild as a dry run", step_t::LOG, step_t::ROLLS_BACK, 0,
+    {"rebuild as a dry run", step_t::LOG, step_t::ROLLS_BACK | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return rebuild_pump(log, true); }},
 
-    {"check_log", step_t::LOG, step_t::READS, 0,
+    {"check_log", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return check(log); }},
-    {"check_log to read only", step_t::LOG, step_t::READS | step_t::READ_ONLY, 0,
+    {"check_log to read only", step_t::LOG, step_t::READS | step_t::READ_ONLY | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return check(log); }},
 
     {"get_trend_data", step_t::LOG, step_t::LOOKS, 0,
@@ -538,35 +538,35 @@ const std::vector<step_t> STEPS = {
          return answer_t{code, std::to_string(latest)};
      }},
 
-    {"rows one at a time", step_t::LOG, step_t::READS, 0,
+    {"rows one at a time", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) {
          return read_view(log, [](CReader& reader, const CReadRequest& request,
                                   const interval_visitor_t& visit) {
              return reader.rows(request, {}, false, true, visit);
          });
      }},
-    {"best rows", step_t::LOG, step_t::READS, 0,
+    {"best rows", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) {
          return read_view(
              log, [](CReader& reader, const CReadRequest& request,
                      const interval_visitor_t& visit) { return reader.best_rows(request, visit); });
      }},
-    {"points", step_t::LOG, step_t::READS, 0,
+    {"points", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) {
          return read_view(
              log, [](CReader& reader, const CReadRequest& request,
                      const interval_visitor_t& visit) { return reader.points(request, 5, visit); });
      }},
-    {"latest", step_t::LOG, step_t::READS, 0,
+    {"latest", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) {
          return read_view(
              log, [](CReader& reader, const CReadRequest&, const interval_visitor_t& visit) {
                  return reader.latest(visit);
              });
      }},
-    {"extremes", step_t::LOG, step_t::READS, 0,
+    {"extremes", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return read_extremes(log); }},
-    {"coverage", step_t::LOG, step_t::READS, 0,
+    {"coverage", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return read_coverage(log); }},
 
     // A read that breaks off in a host's transaction takes that along, but succeeds.

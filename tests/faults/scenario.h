@@ -44,6 +44,7 @@ struct step_t {
         READ_ONLY = 256,            // on a log that is open for reading
         TEMPORARY_IN_MEMORY = 512,  // on a log that keeps its temporary storage in memory
         REMEMBERS = 1024,           // on a log that remembers the device, if it is warm
+        LONG = 2048,                // makes so many calls that a sweep takes a sample of them
     };
 
     const char* _name;

@@ -212,11 +212,13 @@ private:
 
 std::vector<job_t> sweep_jobs(const std::vector<fault_t>& faults, size_t first, size_t stride)
 {
+    const size_t sampled = setting("TREND_FAULTS_ALL", 0) != 0 ? 1 : 12;
     std::vector<job_t> jobs;
     for (const step_t& step : steps()) {
         for (const setting_t& setting : SETTINGS) {
             base_image(step._base, setting._wal);  // once for all children
-            const auto sweep = std::make_shared<sweep_t>(step, setting, faults, first, stride);
+            const size_t own = step.is(step_t::LONG) ? stride * sampled : stride;
+            const auto sweep = std::make_shared<sweep_t>(step, setting, faults, first, own);
             job_t job;
             job._name = std::string(step._name) + " (" + setting.name() + ")";
             job._begin = [sweep] { sweep->begin(); };
