@@ -716,10 +716,13 @@ int prepare(CLog& log, const setting_t& setting, unsigned int traits)
     // is opened anew: the process before has been killed.
     if (const int failed = open_log(log, setting, false, traits & ~step_t::READ_ONLY))
         return failed;
+    // One commit, so that a power cut leaves the log before or after it.
+    if (const int failed = log.begin_transaction()) return failed;
     if (const int failed = record(log, bystander(), pump_params(), LAST_ROW + 60)) return failed;
     if ((traits & step_t::REMEMBERS) != 0)
         for (time_t time = LAST_ROW + 60; time <= LAST_REMEMBERED; time += 60)
             if (const int failed = record(log, pump(), pump_params(), time)) return failed;
+    if (const int failed = log.end_transaction()) return failed;
     if (!setting._warm || (traits & step_t::READ_ONLY) != 0) {
         disk::crash([&] { log.close(); });
         if (const int failed = open_log(log, setting, false, traits)) return failed;
