@@ -18,8 +18,8 @@
 #include "disk.h"
 #include "scenario.h"
 #include "sweep.h"
-#include "trend_repair.h"
 #include "trend_reader.h"
+#include "trend_repair.h"
 #include "workers.h"
 
 using namespace toolkit::trend;

@@ -51,9 +51,9 @@ inline int add_missing_periods(CLog& log, const std::vector<CPeriodProperties>& 
 
 // After a start, however the last run ended: fills the gap since the newest row with blank rows and
 // sets `next` to the end of the interval that is to be recorded next, which lies after the newest
-// row even if the clock was set back meanwhile. `period` is the finest one's. Coarse rows stay on the
-// clock where every table keeps twice the rows that one row of the next coarser takes; where less is
-// kept, fill in steps as record_on_grid() of the guide does.
+// row even if the clock was set back meanwhile. `period` is the finest one's. Coarse rows stay on
+// the clock where every table keeps twice the rows that one row of the next coarser takes; where
+// less is kept, fill in steps as record_on_grid() of the guide does.
 inline int resume(CLog& log, const CDeviceProperties& device, unsigned long period, time_t now,
                   time_t& next)
 {
