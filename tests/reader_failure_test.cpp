@@ -200,6 +200,23 @@ TEST_F(reader_failure, of_memory_is_told_in_one_line)
     }
 }
 
+TEST_F(reader_failure, of_rows_out_of_order_ends_the_view)
+{
+    execute(
+        "WITH RECURSIVE t(time) AS (SELECT 2460 UNION ALL SELECT time + 60 FROM t WHERE "
+        "time < 60000) INSERT INTO trends_1_1 SELECT time, 100.0, 1.0, 2.0, 1.5, 1.5, 9.0 FROM t");
+    _log.close();
+    disorder_rows(_file, "trends_1_1");
+    open();
+    CReader reader(_log);
+    const std::string report = "Rows of 'trends_1_1' are out of order: the file is damaged\n";
+    EXPECT_REPORTS(reader.best_rows(_request, _visit), -1, report);
+    EXPECT_REPORTS(reader.buckets(_request, {0, 30000, 60000}, _visit), -1, report);
+    EXPECT_REPORTS(reader.extremes(_request, _extremes), -1, report);
+    EXPECT_REPORTS(reader.coverage(_request, _coverage), -1, report);
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(reader_failure, never_comes_of_a_long_window)
 {
     // Other statements may be needed, but nothing for each of 10,000 rows.

@@ -1,6 +1,7 @@
 // Bringing late and corrected rows into the coarse ones.
 
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <string>
 #include <utility>
@@ -601,6 +602,32 @@ TEST_F(rebuild, passes_over_rows_from_before_1970)
     EXPECT_EQ(made(), "1 to 300, 1 blanks, 1 recomputed");
     run_sql(_file, "DELETE FROM trends_1_1 WHERE time > 0");
     EXPECT_EQ(made(), "-1 to -1");
+}
+
+TEST_F(rebuild, refuses_rows_out_of_order_instead_of_going_round)
+{
+    make_log({{1, 10000}, {5, 2000}, {10, 1000}});
+    record_minutes(1, 9000);
+    _log.close();
+    const std::string intact = file_bytes(_file);
+    // Met while the finest table is filled; while a coarser one is recomputed from one that has no
+    // rows of the range; and where the range is extended to coarse rows off the grid.
+    for (const auto& [table, change] : std::vector<std::pair<std::string, std::string>>{
+             {"trends_1_1", ""},
+             {"trends_1_5", "DELETE FROM trends_1_1 WHERE time < 530000"},
+             {"trends_1_10", "UPDATE trends_1_10 SET time = time - 60 WHERE time > 60000"}}) {
+        SCOPED_TRACE(table);
+        std::ofstream(_file, std::ios::binary) << intact;
+        run_sql(_file, change);
+        disorder_rows(_file, table);
+        open();
+        _request._bounds = {50000, table == "trends_1_10" ? 60000 : 200000};
+        _request._off_grid = OFF_GRID_EXTEND;
+        EXPECT_REPORTS(toolkit::trend::rebuild(_log, _request, _result), -1,
+                       "Rows of '" + table + "' are out of order: the file is damaged\n");
+        EXPECT_TRUE(at_level_0());
+        _log.close();
+    }
 }
 
 TEST_F(rebuild, works_up_to_the_last_second_that_can_be_stored)

@@ -127,6 +127,42 @@ void run_sql(const std::string& file, const std::string& sql)
     connection(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE).run(sql);
 }
 
+void disorder_rows(const std::string& file, const std::string& table)
+{
+    const auto number = [&](const std::string& sql) { return std::stoul(rows(file, sql)); };
+    const size_t page_size = number("PRAGMA page_size");
+    const size_t root = number("SELECT rootpage FROM sqlite_master WHERE name = '" + table + "'");
+    std::string bytes = file_bytes(file);
+    const auto byte = [&](size_t at) { return static_cast<unsigned char>(bytes.at(at)); };
+    const auto two_bytes = [&](size_t at) { return size_t(byte(at)) << 8 | byte(at + 1); };
+    const auto page_at = [&](size_t at) {
+        return ((two_bytes(at) << 16 | two_bytes(at + 2)) - 1) * page_size;
+    };
+    const auto after_number = [&](size_t at) {
+        while (byte(at) >= 0x80)
+            ++at;
+        return at + 1;
+    };
+
+    const size_t top = (root - 1) * page_size;
+    if (byte(top) != 5) throw std::runtime_error(table + " has a single page");
+    std::vector<size_t> leaves;
+    for (size_t i = 1; i < two_bytes(top + 3); ++i)
+        leaves.push_back(page_at(top + two_bytes(top + 12 + 2 * i)));
+    if (leaves.empty()) throw std::runtime_error(table + " has fewer than three pages");
+    for (const size_t leaf : leaves) {
+        if (byte(leaf) != 13) throw std::runtime_error(table + " has more levels of pages");
+        for (size_t i = 0; i < two_bytes(leaf + 3); ++i) {
+            const size_t key = after_number(leaf + two_bytes(leaf + 8 + 2 * i));
+            const size_t last = after_number(key) - 1;
+            for (size_t at = key; at < last; ++at)
+                bytes[at] = '\x80';
+            bytes[last] = 1;
+        }
+    }
+    std::ofstream(file, std::ios::binary) << bytes;
+}
+
 std::string file_bytes(const std::string& file)
 {
     std::ifstream in(file, std::ios::binary);

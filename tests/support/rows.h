@@ -18,6 +18,10 @@ std::string dump(const std::string& file);
 // is none: to prepare files without the library.
 void run_sql(const std::string& file, const std::string& sql);
 
+// Damages a table of several pages as SQLite notices only in a check: the keys of all pages but
+// the first and the last become 1. Not for a file that is open.
+void disorder_rows(const std::string& file, const std::string& table);
+
 // The bytes of a file. Not for a log that is open: closing the file here would drop its locks.
 std::string file_bytes(const std::string& file);
 

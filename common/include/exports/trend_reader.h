@@ -77,8 +77,9 @@ struct CCoverage {
 // Every view reports "Error: DB not open", "Error: empty device path", "Error: invalid device id",
 // "Error: invalid time range" (a bound below -1), "Error: empty parameter list" (the device has
 // none), "Error: invalid param id" (negative), "Error: empty period list", "Error: no visitor" (an
-// empty function), "Error: the visitor has thrown"; -1. A parameter or aggregate that is not stored
-// is SQLite's "no such column", -1. A window whose first end is later than its second is empty.
+// empty function), "Error: the visitor has thrown"; -1. Of a damaged file also "Rows of '...' are
+// out of order: the file is damaged". A parameter or aggregate that is not stored is SQLite's "no
+// such column", -1. A window whose first end is later than its second is empty.
 class TREND_EXPORT CReader {
 public:
     explicit CReader(const CLog& log) : _log(&log) {}

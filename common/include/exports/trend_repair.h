@@ -168,7 +168,8 @@ struct CRebuildResult {
 // "Error: row outside the bounds", "Error: bad sample size", "Error: invalid percent_valid" (not
 // finite), "Error: row newer than the newest one"; then "Error: no configured periods", "Error: no
 // configured parameters", "Error: coarse rows off the grid", "Can't prepare SQL (5): '...'" (a
-// parameter or aggregate that is not stored) and the messages of CLog::calc_period_ratios(); -1.
+// parameter or aggregate that is not stored), "Rows of '...' are out of order: the file is damaged"
+// and the messages of CLog::calc_period_ratios(); -1.
 TREND_EXPORT int rebuild(CLog& log, const CRebuildRequest& request, CRebuildResult& result);
 
 }  // namespace toolkit::trend

@@ -6,6 +6,7 @@
 #include "sqlformat.h"
 #include "sqltext.h"
 #include "throwing.h"
+#include "trend/checks.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -24,7 +25,7 @@ int cover_rows(CDatabase& db, const subject_t& subject, const window_t& window, 
 
     const int64_t length = interval_length(coverage._period);
     int64_t start = 0;
-    int64_t previous = 0;
+    int64_t previous = -1;
     double valid = 0.0;  // percent * seconds
     for (;;) {
         const int retval = stmt->step();
@@ -37,6 +38,7 @@ int cover_rows(CDatabase& db, const subject_t& subject, const window_t& window, 
         int64_t has_value = 0;
         if (const int failed = stmt->column(HAS_VALUE, has_value, NULL_NOT_OK)) return failed;
 
+        if (time <= previous) return rows_out_of_order(subject.index(), coverage._period._period);
         if (coverage._rows == 0) {
             start = previous = time - length;
             coverage._first = host_time(time);
@@ -51,7 +53,8 @@ int cover_rows(CDatabase& db, const subject_t& subject, const window_t& window, 
     if (coverage._rows == 0) return 0;
     coverage._start = host_time(start);
     coverage._last = host_time(previous);
-    coverage._percent_valid = clamp_weight(valid / static_cast<double>(previous - start));
+    coverage._percent_valid =
+        clamp_weight(valid / (static_cast<double>(previous) - static_cast<double>(start)));
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include "runsql.h"
 #include "sqltext.h"
 #include "throwing.h"
+#include "trend/checks.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -62,7 +63,10 @@ int scan_t::step()
     if (retval < 0) return retval;
     _found = retval == 1;
     _previous = _time;
-    return _found ? _stmt->column(0, _time, NULL_NOT_OK) : 0;
+    if (!_found) return 0;
+
+    if (const int failed = _stmt->column(0, _time, NULL_NOT_OK)) return failed;
+    return _time > std::max(_previous, EARLIEST) ? 0 : rows_out_of_order(_device, _period);
 }
 
 }  // namespace toolkit::trend

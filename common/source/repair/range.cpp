@@ -8,6 +8,7 @@
 #include "repair/rebuild.h"
 #include "report.h"
 #include "sqlformat.h"
+#include "trend/checks.h"
 #include "trend/lists.h"
 #include "trend/values.h"
 
@@ -132,12 +133,14 @@ int CRebuild::count_off_grid(size_t idx, int64_t after, int64_t until, int64_t& 
 {
     const int64_t length = _levels[idx]._length;
     const tk_string sql =
-        sql_text("SELECT count(*) FROM trends_", _request._device._index, "_",
+        sql_text("SELECT count(*), min(time) FROM trends_", _request._device._index, "_",
                  _levels[idx]._period._period, " WHERE time > ? AND time <= ? AND (", length,
                  " - time % ", length, ") % ", length, " >= ", _levels.front()._length);
-    std::array<int64_t, 1> numbers = {};
+    std::array<int64_t, 2> numbers = {};
     if (const int failed = read_numbers(_db, sql, numbers, after, until)) return failed;
     count = numbers[0];
+    if (count > 0 && numbers[1] <= after)
+        return rows_out_of_order(_request._device._index, _levels[idx]._period._period);
     return 0;
 }
 

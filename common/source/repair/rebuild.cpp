@@ -243,9 +243,13 @@ int CRebuild::fill_missing()
         }
         return 0;
     };
+    int64_t previous = first;
     int retval = 0;
     while ((retval = rows->step()) == 1) {
         const int64_t time = number_of(*rows, 0);
+        if (time <= previous)
+            return rows_out_of_order(_request._device._index, finest._period._period);
+        previous = time;
         const int64_t interval = interval_of(time, finest._length);
         if (const int ended = fill_up_to(interval)) return ended;
         missing = interval + 1;
@@ -276,6 +280,8 @@ int CRebuild::recompute(size_t idx)
         std::array<int64_t, 1> next = {};
         if (const int failed = read_numbers(_db, next_sql, next, begin, coarse._end)) return failed;
         if (next[0] < 0) break;
+        if (next[0] <= begin)
+            return rows_out_of_order(_request._device._index, fine._period._period);
         begin = boundary_before(next[0], coarse._length);
         if (const int failed = recompute_group(idx, begin, roll_up)) return failed;
         begin += coarse._length;

@@ -50,4 +50,11 @@ int check_params(const char* fn, const std::shared_ptr<CDatabase>& db,
     return params.empty() ? refuse(fn, "empty param list") : 0;
 }
 
+int rows_out_of_order(int64_t device, unsigned long period)
+{
+    report("Rows of 'trends_%lld_%lu' are out of order: the file is damaged",
+           static_cast<long long>(device), period);
+    return -1;
+}
+
 }  // namespace toolkit::trend

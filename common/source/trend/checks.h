@@ -35,4 +35,9 @@ int check_owner_of_rows(const char* fn, const std::shared_ptr<CDatabase>& db,
 int check_params(const char* fn, const std::shared_ptr<CDatabase>& db,
                  const CDeviceProperties& device, const std::vector<CParamProperties>& params);
 
+// The keys of a table ascend, unless a damaged page has them otherwise: whoever goes from row to
+// row might then never come to an end. Prints "Rows of 'trends_1_5' are out of order: the file is
+// damaged", -1.
+int rows_out_of_order(int64_t device, unsigned long period);
+
 }  // namespace toolkit::trend
