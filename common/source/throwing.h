@@ -21,6 +21,7 @@ struct CThrowing {
     static int update_cache_size(CDatabase& db, size_t bytes);
 
     static int column(const CStatement& stmt, size_t col, tk_string& out, bool null_ok);
+    static sqlite3_stmt* handle(const CStatement& stmt) { return stmt._stmt; }
 };
 
 }  // namespace toolkit::trend

@@ -4,6 +4,7 @@
 
 #include "columns.h"
 #include "reader/view.h"
+#include "row_values.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -71,12 +72,12 @@ int point_t::add(const CStatement& row, unsigned long period, const piece_t& pie
 
 int point_t::set(const CStatement& row)
 {
-    size_t col = FIRST_VALUE;
+    row_values_t values(row, FIRST_VALUE);
     for (size_t i = 0; i < _params.size(); ++i) {
         const CParamProperties& param = _params[i];
         CSample& sample = _interval._samples[i];
         const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
-            return param.*aggregate._kept ? row.column(col++, sample.*aggregate._value) : 0;
+            return param.*aggregate._kept ? values.next(sample.*aggregate._value) : 0;
         });
         if (failed) return failed;
     }
@@ -85,14 +86,14 @@ int point_t::set(const CStatement& row)
 
 int point_t::fold(const CStatement& row, double weight)
 {
-    size_t col = FIRST_VALUE;
+    row_values_t values(row, FIRST_VALUE);
     for (size_t i = 0; i < _params.size(); ++i) {
         const CParamProperties& param = _params[i];
         const bool is_pf = param._type == SAMPLE_TYPE_PF;
         const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
             if (!(param.*aggregate._kept)) return 0;
             COptVal value;
-            if (const int wrong = row.column(col++, value)) return wrong;
+            if (const int wrong = values.next(value)) return wrong;
             if (value)
                 fold_value(aggregate, _interval._samples[i], _averages[i], is_pf, value._val,
                            weight);

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "columns.h"
+#include "row_values.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -55,13 +56,14 @@ int decode_row(const CStatement& stmt, CSnapshot& snapshot,
     if (const int failed = stmt.column(2, snapshot._percent_valid, NULL_NOT_OK)) return failed;
 
     snapshot._samples.resize(params.size());
-    size_t col = 3;
-    for (size_t i = 0; i < params.size(); ++i) {
-        const CParamProperties& param = params[i];
-        CSample& sample = snapshot._samples[i];
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (param.*aggregate._kept)
-                if (const int failed = stmt.column(col++, sample.*aggregate._value)) return failed;
+    row_values_t values(stmt, 3);
+    CSample* sample = snapshot._samples.data();
+    for (const CParamProperties& param : params) {
+        const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
+            return param.*aggregate._kept ? values.next(sample->*aggregate._value) : 0;
+        });
+        if (failed) return failed;
+        ++sample;
     }
     return 0;
 }
