@@ -209,7 +209,7 @@ extern "C" const char* __asan_default_options()
 TEST(damage, stops_nothing_but_by_a_documented_assertion)
 {
     install_faults();
-    const size_t images = setting("TREND_FAULTS_IMAGES", 21000);
+    const size_t images = setting("TREND_FAULTS_IMAGES", 12000);
     const size_t seed = setting("TREND_FAULTS_SEED", 1);
     constexpr size_t PIECE = 500;
     const auto intact = std::make_shared<std::vector<disk::image_t>>(damage::intact_images());

@@ -13,8 +13,9 @@ constexpr int64_t LATEST = std::numeric_limits<int64_t>::max();
 constexpr int64_t EARLIEST = std::numeric_limits<int64_t>::min();
 
 // Lengths of the grid in minutes; beyond the last one they double.
-constexpr int64_t LADDER[] = {1,   2,   5,   10,   15,       30,       60,        120,
-                              180, 360, 720, 1440, 2 * 1440, 7 * 1440, 14 * 1440, 28 * 1440};
+constexpr int64_t DAY = 1440;
+constexpr int64_t LADDER[] = {1,   2,   5,   10,  15,      30,      60,       120,
+                              180, 360, 720, DAY, 2 * DAY, 7 * DAY, 14 * DAY, 28 * DAY};
 
 // Everything up to the first edge that is later than 0 is in the first bucket: rows have no times
 // before 0, only the first of them may begin there.

@@ -61,16 +61,16 @@ private:
         bool _counts = false;  // and how
     };
 
-    int pull(size_t layer, bool& found, piece_t& piece);
+    int pull(size_t number, bool& found, piece_t& piece);
     int pull_inside(bool& found, piece_t& piece);
-    int pull_below(size_t layer);
-    int find_other(size_t layer, bool& found, piece_t& piece);
+    int pull_below(size_t number);
+    int find_other(size_t number, bool& found, piece_t& piece);
 
     bool may_be_inside(const scan_t& row) const;
     bool is_inside(const scan_t& row) const;
-    scan_t& scout(size_t layer);
+    scan_t& scout(size_t number);
     bool hides(const layer_t& layer, int64_t length) const;
-    int judge(size_t layer, const scan_t& row, bool& counts);
+    int judge(size_t number, const scan_t& row, bool& counts);
     int covers(size_t period, size_t below, int64_t start, int64_t end, bool& covered);
 
     const buckets_t* const _buckets;

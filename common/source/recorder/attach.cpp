@@ -5,6 +5,7 @@
 
 #include "columns.h"
 #include "recorder/impl.h"
+#include "trend/checks.h"
 
 // From a device as the host wants it to one that is stored so, and ready to be fed.
 
@@ -25,8 +26,6 @@ struct CRecorder::CImpl::plan_t {
 };
 
 namespace {
-
-bool is_empty(const tk_string& path) { return path.c_str()[0] == '\0'; }
 
 // Texts are stored up to their first zero byte.
 bool is_same_text(const tk_string& a, const tk_string& b)
@@ -114,7 +113,7 @@ int CRecorder::CImpl::attach(const CRecorderDevice& wanted, CRecorderHandles& ha
 int CRecorder::CImpl::check_wanted(const CRecorderDevice& wanted)
 {
     const char* path = wanted._path.c_str();
-    if (is_empty(wanted._path)) return tell(NOTICE_MISUSE, "a device without a path");
+    if (is_empty_path(wanted._path)) return tell(NOTICE_MISUSE, "a device without a path");
     for (const device_t& device : _devices)
         if (is_same_text(device._data._device._path, wanted._path))
             return tell(NOTICE_MISUSE, "'%s' is attached already", path);
@@ -132,7 +131,7 @@ int CRecorder::CImpl::check_wanted(const CRecorderDevice& wanted, const CRecorde
     const auto has_path = [&](const CRecorderParam& other) {
         return is_same_text(other._path, param._path);
     };
-    if (is_empty(param._path))
+    if (is_empty_path(param._path))
         return tell(NOTICE_MISUSE, "'%s': a parameter without a path", wanted._path.c_str());
     if (std::count_if(wanted._params.begin(), wanted._params.end(), has_path) > 1)
         return tell(NOTICE_MISUSE, "'%s': twice the same parameter", path);
@@ -159,7 +158,7 @@ int CRecorder::CImpl::find_device(const CRecorderDevice& wanted, plan_t& plan)
     });
     if (found == devices.end()) {
         plan._device = CDeviceProperties();
-        plan._device._path = wanted._path.c_str();
+        plan._device._path = stored_text(wanted._path);
         plan._device._guid = wanted._guid;
         if (_log->add_device(plan._device) != 0) return -1;
     } else {

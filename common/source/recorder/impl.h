@@ -54,14 +54,14 @@ public:
 
     // The calls of CRecorder, which handles what they throw.
     int open(const tk_string* name, CLog* log, const CRecorderOptions& options);
-    int attach(const CRecorderDevice& device, CRecorderHandles& handles);
-    int push(recorder_handle_t param, double value, int64_t moment);
-    int push_now(recorder_handle_t param, double value);
-    int record(recorder_handle_t device, const CSnapshot& snapshot);
+    int attach(const CRecorderDevice& wanted, CRecorderHandles& handles);
+    int push(recorder_handle_t handle, double value, int64_t moment);
+    int push_now(recorder_handle_t handle, double value);
+    int record(recorder_handle_t handle, const CSnapshot& snapshot);
     int tick();
     int flush();
     int close();
-    int get_open_interval(recorder_handle_t device, CSnapshot& snapshot);
+    int get_open_interval(recorder_handle_t handle, CSnapshot& snapshot);
 
     bool is_open() const { return _log != nullptr; }
     CLog* log() { return _log; }

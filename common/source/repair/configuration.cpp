@@ -196,7 +196,7 @@ int inspect_params(CInspector& inspector, const CDeviceProperties& device,
     for (const aggregate_t& aggregate : AGGREGATES) {
         const tk_string flag = "has_" + tk_string(aggregate._name);
         wanted.push_back(flag + " INTEGER NOT NULL");
-        good += " AND typeof(" + flag + ") = 'integer' AND " + flag + " IN (0, 1)";
+        append_sql(good, " AND typeof(", flag, ") = 'integer' AND ", flag, " IN (0, 1)");
     }
     if (const int ended = inspect_table(inspector, table, place, wanted)) return ended;
     uint64_t bad = 0;
