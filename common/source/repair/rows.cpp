@@ -103,9 +103,11 @@ int inspect_rows(CInspector& inspector, const CDeviceProperties& device,
     if (ended) return ended;
 
     CTimes times(period, group, newest, inspector.now());
+    // An infinite number is told by its difference from itself, which is none. The largest number
+    // would not do: not every target's SQLite reads it as it is written.
     ended = inspector.each(
-        "SELECT time, CASE WHEN typeof(percent_valid) <> 'real' OR abs(percent_valid) > "
-        "1.7976931348623157e308 THEN 2 WHEN percent_valid NOT BETWEEN 0 AND 100 THEN 1 ELSE 0 END "
+        "SELECT time, CASE WHEN typeof(percent_valid) <> 'real' OR percent_valid - percent_valid "
+        "IS NULL THEN 2 WHEN percent_valid NOT BETWEEN 0 AND 100 THEN 1 ELSE 0 END "
         "FROM " +
             table + " ORDER BY time",
         table, place, [&](const CStatement& row) {
