@@ -14,6 +14,7 @@
 #include "trend/access.h"
 #include "trend/checks.h"
 #include "trend/operation.h"
+#include "trend/record.h"
 #include "trend/values.h"
 
 namespace toolkit::trend {
@@ -41,19 +42,6 @@ int check_request(const char* fn, const CRebuildRequest& request)
         if (row._samples.size() != request._params.size()) return refuse(fn, "bad sample size");
         if (!std::isfinite(row._percent_valid)) return refuse(fn, "invalid percent_valid");
     }
-    return 0;
-}
-
-// In the order in which merge_sample_text() names the columns.
-int bind_row(CStatement& stmt, const std::vector<CParamProperties>& params, const CSnapshot& row)
-{
-    if (const int failed = bind_all(stmt, int64_t(row._time), row._percent_valid)) return failed;
-    size_t placeholder = 3;
-    for (size_t k = 0; k < params.size(); ++k)
-        for (const aggregate_t& aggregate : AGGREGATES)
-            if (params[k].*aggregate._kept)
-                if (const int failed = stmt.bind(placeholder++, row._samples[k].*aggregate._value))
-                    return failed;
     return 0;
 }
 

@@ -1,3 +1,5 @@
+#include "trend/record.h"
+
 #include <cmath>
 
 #include "columns.h"
@@ -41,24 +43,22 @@ stmt_ptr_t insert_statement(const char* fn, CMemory& memory, known_device_t& kno
     return stmt;
 }
 
-int insert_sample(CStatement& stmt, const CDeviceParams& data, const CSnapshot& snapshot)
+}  // namespace
+
+int bind_row(CStatement& stmt, const std::vector<CParamProperties>& params, const CSnapshot& row)
 {
-    // Bound in the order in which insert_sample_text() names the columns.
-    if (const int failed = bind_all(stmt, int64_t(snapshot._time), snapshot._percent_valid))
-        return failed;
+    if (const int failed = bind_all(stmt, int64_t(row._time), row._percent_valid)) return failed;
     size_t placeholder = 3;
-    for (size_t k = 0; k < data._params.size(); ++k) {
-        const CParamProperties& param = data._params[k];
-        const CSample& sample = snapshot._samples[k];
+    for (size_t k = 0; k < params.size(); ++k) {
+        const CParamProperties& param = params[k];
+        const CSample& sample = row._samples[k];
         const int failed = visit_aggregates([&](const aggregate_t& aggregate) {
             return param.*aggregate._kept ? stmt.bind(placeholder++, sample.*aggregate._value) : 0;
         });
         if (failed) return failed;
     }
-    return stmt.step();
+    return 0;
 }
-
-}  // namespace
 
 constexpr const char* ADD_TREND_DATA =
     "int toolkit::trend::CLog::add_trend_data("
@@ -97,7 +97,8 @@ try {
     {
         const stmt_wrapper_t stmt(insert_statement(fn, memory, known, data, memory._periods[0]));
         if (!stmt) return -1;
-        if (const int failed = insert_sample(*stmt, data, snapshot)) return failed;
+        if (const int failed = bind_row(*stmt, data._params, snapshot)) return failed;
+        if (const int failed = stmt->step()) return failed;
     }
     known._tables[0].add_row(snapshot._time);
     if (const int failed =
