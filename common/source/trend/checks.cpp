@@ -52,8 +52,8 @@ int check_params(const char* fn, const std::shared_ptr<CDatabase>& db,
 
 int rows_out_of_order(int64_t device, unsigned long period)
 {
-    report("Rows of 'trends_%lld_%lu' are out of order: the file is damaged",
-           static_cast<long long>(device), period);
+    report("Rows of 'trends_%jd_%lu' are out of order: the file is damaged",
+           static_cast<intmax_t>(device), period);
     return -1;
 }
 
