@@ -483,6 +483,27 @@ TEST_F(check_log, compares_only_where_all_fine_rows_are_there)
               "");
 }
 
+TEST_F(check_log, compares_no_coarse_row_with_rows_of_a_period_that_came_later)
+{
+    // Quarters of minutes; then fives of the minutes that are left, which begin off the boundary.
+    _log.close();
+    std::remove(_file.c_str());
+    open();
+    add_periods({{1, 100}, {15, 20}});
+    _pump = add_device("pump", {param("u", "avg")});
+    for (int minute = 1; minute <= 30; ++minute)
+        record(_pump, minute * 60, {double(minute)});
+    run_sql(_file, "DELETE FROM trends_1_1 WHERE time <= 120");
+    add_period(5, 20);
+    record(_pump, 31 * 60, {31.0});
+    EXPECT_EQ(rows("SELECT time/60, param_1_avg FROM trends_1_5 WHERE time > 900"),
+              "17|15.0\n22|20.0\n27|25.0");
+    EXPECT_EQ(rows("SELECT time/60, param_1_avg FROM trends_1_15"), "15|8.0\n30|23.0");
+    EXPECT_EQ(found(),
+              "information off_grid pump 5 420 1620 5; Rows of trends_1_5 that do not end "
+              "at a boundary: 5.\n");
+}
+
 TEST_F(check_log, tells_of_a_write_ahead_log_that_no_checkpoint_empties)
 {
     ASSERT_EQ(_log.checkpoint_config(2), 0);
