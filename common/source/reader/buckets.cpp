@@ -91,10 +91,7 @@ int64_t buckets_t::start(int64_t number) const
     return number < count() + 1 ? int64_t{(*_edges)[static_cast<size_t>(number)]} : LATEST;
 }
 
-bool buckets_t::hold(int64_t start, int64_t end) const
-{
-    return end - start <= _longest && number(start + 1) == number(end);
-}
+bool buckets_t::hold(int64_t start, int64_t end) const { return number(start + 1) == number(end); }
 
 int64_t buckets_t::count() const { return static_cast<int64_t>(_edges->size()) - 1; }
 

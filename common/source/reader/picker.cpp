@@ -131,21 +131,14 @@ int picker_t::find_other(size_t number, bool& found, piece_t& piece)
 {
     const layer_t& layer = _layers[number];
     scan_t& row = scout(number);
-    int64_t moment = std::max(layer._position, layer._given);
-    do {
-        if (const int failed = row.look(moment)) return failed;
-        if (!row.found()) return 0;
-        moment = row.time();  // where the one after it is looked for
-        if (layer._has_below && row.start() > layer._below._start) return 0;
-        if (!is_inside(row))
-            if (const int failed = judge(number, row, found)) return failed;
-        if (found) {
-            piece = {number - 1, row.start(), row.time(), std::max(row.start(), layer._position),
-                     row.time()};
-            return 0;
-        }
-        // Else the one after it would begin too late. The scan stays where it is needed again.
-    } while (!layer._has_below || row.time() <= layer._below._start);
+    if (const int failed = row.look(std::max(layer._position, layer._given))) return failed;
+    if (!row.found() || (layer._has_below && row.start() > layer._below._start)) return 0;
+    if (!is_inside(row))
+        if (const int failed = judge(number, row, found)) return failed;
+    // One that does not count is covered from below, so that the one after it begins too late.
+    if (found)
+        piece = {number - 1, row.start(), row.time(), std::max(row.start(), layer._position),
+                 row.time()};
     return 0;
 }
 

@@ -45,10 +45,8 @@ place_t place_of(const piece_t& piece, const buckets_t& buckets, const range_t& 
     const bool fills_last = piece._end == buckets.end(last);
     if (fills_first || fills_last) return {last, true};
     const int64_t length = piece._end - piece._start;
-    if (!has(range, first) && has(range, last) && length > length_of(buckets, last))
-        return {last, true};
-    if (!has(range, last) && has(range, first) && length > length_of(buckets, first))
-        return {first, true};
+    if (first < range._first && length > length_of(buckets, last)) return {last, true};
+    if (last > range._last && length > length_of(buckets, first)) return {first, true};
     const int64_t edge = buckets.end(first);
     return {edge - piece._start >= piece._end - edge ? first : last, false};
 }
@@ -169,14 +167,14 @@ int count_overhangs(CDatabase& db, const subject_t& subject, const buckets_t& bu
     for (const int64_t moment : {start, end - 1}) {
         piece_t piece;
         bool found = false;
-        if (const int failed = picker.start(std::max<int64_t>(moment, 0))) return failed;
+        if (const int failed = picker.start(moment)) return failed;
         if (const int failed = picker.next(found, piece)) return failed;
         if (!found || piece._end - piece._start <= buckets.longest()) continue;
-        const bool reaches_back = piece._start < start && piece._end > start;
-        const bool reaches_on = piece._end > end && piece._start < end;
-        const bool fills_one = (reaches_back && piece._end >= buckets.end(range._first)) ||
-                               (reaches_on && piece._start <= buckets.start(range._last));
-        if ((moment == start ? reaches_back : reaches_on) && !fills_one) ++overhangs;
+        // One that fills a bucket is the point of that.
+        if (moment == start ? piece._start < start && piece._end < buckets.end(range._first)
+                            : piece._end > end && piece._start < end &&
+                                  piece._start > buckets.start(range._last))
+            ++overhangs;
     }
     return 0;
 }

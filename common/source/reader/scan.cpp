@@ -48,7 +48,7 @@ int scan_t::seek(int64_t moment)
 {
     // From so far back that the row before is seen where it takes something of the row's interval.
     const int64_t from = std::max(moment - _length, EARLIEST);
-    if (const int failed = _stmt->reset()) return failed;
+    static_cast<void>(_stmt->reset());  // after a step that failed there is no next look
     if (const int failed = bind_all(*_stmt, from)) return failed;
     _time = from == EARLIEST ? NO_ROW_BEFORE : from;
     do

@@ -104,7 +104,7 @@ void known_device_t::add_selection(const std::vector<CParamProperties>& params,
     known_selection_t selection;
     selection._columns.reserve(params.size());
     for (const CParamProperties& param : params) {
-        if (param._index < 0 || param._index > LARGEST_INDEX) return;
+        if (param._index > LARGEST_INDEX) return;
         selection._columns.push_back(static_cast<uint64_t>(param._index) << FLAG_BITS |
                                      flags_of(param));
     }
