@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -208,6 +209,33 @@ TEST_F(recall, tells_selections_apart_by_identifier_and_aggregates)
         "NULL|2.0|3.0\nNULL|NULL|3.0\nNULL|2.0|NULL\nNULL|2.0|3.0\n4.0|NULL|NULL");
 }
 
+// A selection keeps identifiers with five bits more.
+TEST_F(recall, records_a_parameter_whose_identifier_is_too_large_to_be_kept)
+{
+    const auto renumber = [&](int64_t index) {
+        const std::string number = std::to_string(intmax_t(index));
+        for (const char* period : {"1", "3"})
+            run_sql(_file, "ALTER TABLE trends_1_" + std::string(period) + " RENAME COLUMN param_" +
+                               std::to_string(intmax_t(_pump._params[0]._index)) +
+                               "_avg TO param_" + number + "_avg");
+        run_sql(_file, "UPDATE params_1 SET idx = " + number);
+        _pump._params[0]._index = index;
+    };
+    constexpr int64_t LARGEST = INT64_MAX >> 5;
+    for (const int64_t index : {LARGEST + 1, LARGEST}) {
+        renumber(index);
+        for (int i = 0; i < 3; ++i)
+            record(_pump, _next + 60 * i, {static_cast<double>(i + 5)});
+        _next += 180;
+    }
+    const std::string column = "param_" + std::to_string(intmax_t(LARGEST)) + "_avg";
+    EXPECT_EQ(rows("SELECT time, " + column + " FROM trends_1_1 WHERE time >= 480"),
+              "480|5.0\n540|6.0\n600|7.0\n660|5.0\n720|6.0\n780|7.0");
+    // 420 with 480 and 540; 600 to 720.
+    EXPECT_EQ(rows("SELECT time, " + column + " FROM trends_1_3 WHERE time > 360"),
+              "540|4.0\n720|6.0");
+}
+
 TEST_F(recall, judges_the_identifiers_of_an_unknown_selection)
 {
     _pump._params[0]._index = -1;
@@ -367,6 +395,47 @@ TEST_F(forgetting, follows_a_commit_that_cannot_be_prepared)
     EXPECT_EQ(rows("SELECT max(time) FROM trends_1_3"), "540");
     record(_pump, 720, {1.0});
     EXPECT_EQ(rows("SELECT max(time) FROM trends_1_3"), "720");
+}
+
+TEST_F(forgetting, follows_a_roll_up_whose_parameters_cannot_be_read)
+{
+    open_args args;
+    args._create = false;
+    args._pool_capacity = 1;  // which keeps no roll-up
+    reopen(args);
+    record(_pump, 480, {1.0});
+    {
+        deny_prepare denial("SELECT * FROM params_1 ORDER BY idx ASC");
+        capture_stderr([&] { EXPECT_EQ(add(540), -1); });
+        EXPECT_TRUE(denial.struck());
+    }
+    EXPECT_EQ(rows("SELECT max(time) FROM trends_1_1"), "480");
+    record(_pump, 540, {1.0});
+    EXPECT_EQ(rows("SELECT time FROM trends_1_3"), "180\n360\n540");
+}
+
+// The last of the rows in the order of the file has a time before 1970, as only a damaged file has.
+TEST_F(forgetting, follows_a_group_whose_table_has_no_newest_row)
+{
+    add_period(12, 100);
+    ASSERT_EQ(_log.remove_period({3, 1}), 0);
+    run_sql(_file,
+            "DELETE FROM trends_1_1 WHERE time > 120; INSERT INTO trends_1_1 VALUES "
+            "(9223372036854775807, 100.0, 1.0)");
+    for (time_t time = 130; time < 210; time += 10)
+        run_sql(_file, "INSERT INTO trends_1_1 VALUES (" + std::to_string(time) + ", 100.0, 1.0)");
+    _log.close();
+    std::string bytes = file_bytes(_file);
+    const std::string largest = "\xbf\xff\xff\xff\xff\xff\xff\xff\xff";
+    const size_t at = bytes.rfind(largest);
+    ASSERT_NE(at, std::string::npos);
+    bytes[at] = '\xff';  // with the last byte the sign and the value: -2
+    bytes[at + 8] = '\xfe';
+    std::ofstream(_file, std::ios::binary) << bytes;
+    open();
+    // 60, 120, eight rows, the one of -2, and the new one.
+    EXPECT_QUIET(add(65), 0);
+    EXPECT_EQ(rows("SELECT time FROM trends_1_12"), "200");
 }
 
 TEST_F(forgetting, follows_rows_changed_on_the_raw_handle)

@@ -707,6 +707,14 @@ TEST_F(propagate_recent_samples, coarser_period_of_0_minutes_is_stopped)
         "periods[idx+1]._period!=0");
 }
 
+TEST_F(propagate_recent_samples, coarser_period_with_a_ratio_of_1_is_stopped_when_it_is_its_turn)
+{
+    const CDeviceParams pump = with_eleven_stragglers();
+    EXPECT_STOPS(_log.propagate_recent_samples(pump._device, {{1, 100}, {5, 100}, {60, 100}},
+                                               {5, 1, 0}, 0, pump._params),
+                 "(ratios[idx]>1) || (idx==(periods.size()-1))");
+}
+
 TEST_F(propagate_recent_samples, parameter_that_is_not_stored_is_stopped_when_a_group_is_full)
 {
     CDeviceParams pump = with_eleven_stragglers();

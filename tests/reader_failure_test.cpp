@@ -33,8 +33,11 @@ protected:
         for (int minute = 1; minute <= 40; ++minute)
             record(_device, 60 * minute, {1.0 * (minute % 7)});
         // Coarse rows that count and such that do not, and equal extremes.
-        execute("DELETE FROM trends_1_1 WHERE time <= 900 OR time BETWEEN 1500 AND 1600");
-        _request._device = _device._device;
+        execute(
+            "DELETE FROM trends_1_1 WHERE time <= 900 OR time BETWEEN 1500 AND 1600;"
+            "DELETE FROM trends_1_5 WHERE time = 1200");
+        _request._device = _narrow._device = _device._device;
+        _narrow._bounds = {1310, 1320};  // shorter than any row, and within coarse ones
         _visit = [this](const CDeviceParams&, const CInterval&) {
             ++_visits;
             return true;
@@ -47,12 +50,18 @@ protected:
              [this](CReader& reader) { return reader.rows(_request, {}, true, true, _visit); }},
             {READER + "best_rows(" + REQUEST + ", " + VISITOR + ")",
              [this](CReader& reader) { return reader.best_rows(_request, _visit); }},
+            {READER + "best_rows(" + REQUEST + ", " + VISITOR + ")",
+             [this](CReader& reader) { return reader.best_rows(_narrow, _visit); }},
             {READER + "buckets(" + REQUEST + ", const toolkit::trend::edges_t&, " + VISITOR + ")",
              [this, edges](CReader& reader) { return reader.buckets(_request, edges, _visit); }},
             {READER + "points(" + REQUEST + ", size_t, " + VISITOR + ")",
              [this](CReader& reader) { return reader.points(_request, 8, _visit); }},
+            {READER + "points(" + REQUEST + ", size_t, " + VISITOR + ")",
+             [this](CReader& reader) { return reader.points(_narrow, 1, _visit); }},
             {READER + "extremes(" + REQUEST + ", std::vector<toolkit::trend::CExtremes>&)",
              [this](CReader& reader) { return reader.extremes(_request, _extremes); }},
+            {READER + "extremes(" + REQUEST + ", std::vector<toolkit::trend::CExtremes>&)",
+             [this](CReader& reader) { return reader.extremes(_narrow, _extremes); }},
             {READER + "coverage(" + REQUEST + ", std::vector<toolkit::trend::CCoverage>&)",
              [this](CReader& reader) { return reader.coverage(_request, _coverage); }},
             {READER + "latest(" + VISITOR + ")",
@@ -68,13 +77,16 @@ protected:
         sqlite3_close(db);
     }
 
-    // Runs a view with the n-th of something failing, for every n, and with none at last.
+    // Runs a view with the n-th of something failing, for every n, and with none at last; each time
+    // after `prepare`.
     template <typename Fault>
-    void sweep(const view_t& view)
+    void sweep(
+        const view_t& view, const std::function<void()>& prepare = [] {})
     {
         SCOPED_TRACE(view._signature);
         for (int n = 1;; ++n) {
             ASSERT_LT(n, 10000);
+            prepare();
             CReader reader(_log);
             int result = 0;
             bool struck = false;
@@ -98,6 +110,7 @@ protected:
 
     CDeviceParams _device;
     CReadRequest _request;
+    CReadRequest _narrow;
     interval_visitor_t _visit;
     size_t _visits = 0;
     std::vector<CExtremes> _extremes;
@@ -107,11 +120,11 @@ protected:
 
 TEST_F(reader_failure, of_any_prepare_is_one_of_the_view)
 {
-    for (const view_t& view : _views) {
-        reopen();  // nothing is in the pool
-        SCOPED_TRACE(view._signature);
-        sweep<deny_prepare>(view);
-    }
+    // Nothing is in the pool, not even what begins a transaction.
+    open_args args;
+    args._create = false;
+    for (const view_t& view : _views)
+        sweep<deny_prepare>(view, [&] { reopen(args); });
 }
 
 TEST_F(reader_failure, of_any_bind_is_one_of_the_view)

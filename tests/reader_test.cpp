@@ -367,6 +367,8 @@ TEST_F(reader_rows, that_break_off_are_a_failure)
         EXPECT_REPORTS(view._run(reader, _request, keep()), -1, wrong);
         EXPECT_TRUE(at_level_0());
     }
+    execute("UPDATE trends_1_1 SET param_1_avg = 'x' WHERE time = 1200");
+    EXPECT_REPORTS(CReader(_log).latest(keep()), -1, wrong);
 }
 
 // Best rows -----------------------------------------------------------------------------------
@@ -464,6 +466,34 @@ TEST_F(reader_points, of_a_period_that_no_length_is_a_multiple_of_go_by_that_per
     EXPECT_EQ("(0, 660] 11 x1 100% 1\n(660, 1320] 11 x1 100% 3\n", _lines);
     EXPECT_QUIET(CReader(_log).points(_request, 1, keep()), 0);
     EXPECT_EQ("(0, 1320] 11 x2 100% 2\n", _lines);
+}
+
+TEST_F(reader_points, leave_room_for_a_row_that_reaches_beyond_them)
+{
+    // In minutes there would be two points, and one for (30, 330].
+    execute(
+        "INSERT INTO trends_1_5 (time, percent_valid, param_1_avg) VALUES (330, 100.0, 7.0);"
+        "INSERT INTO trends_1_1 (time, percent_valid, param_1_avg) VALUES"
+        " (390, 100.0, 1.0), (420, 100.0, 4.0)");
+    _request._bounds = {301, 400};
+    EXPECT_QUIET(CReader(_log).points(_request, 3, keep()), 0);
+    EXPECT_EQ("(30, 330] 5 x1 100% 7\n(330, 390] 1 x1 100% 1\n(390, 420] 1 x1 100% 4\n", _lines);
+    EXPECT_QUIET(CReader(_log).points(_request, 2, keep()), 0);
+    EXPECT_EQ("(330, 600] 1 x2 33.3333% 2\n", _lines);  // 60 s of 1 and 30 s of 4, in 270 s
+}
+
+TEST_F(reader_points, leave_room_for_a_row_that_reaches_on)
+{
+    execute(
+        "INSERT INTO trends_1_5 (time, percent_valid, param_1_avg) VALUES (510, 100.0, 7.0);"
+        "INSERT INTO trends_1_1 (time, percent_valid, param_1_avg) VALUES"
+        " (120, 100.0, 1.0), (180, 100.0, 4.0)");
+    _request._bounds = {61, 240};
+    EXPECT_QUIET(CReader(_log).points(_request, 4, keep()), 0);
+    EXPECT_EQ("(60, 120] 1 x1 100% 1\n(120, 180] 1 x1 100% 4\n(210, 510] 5 x1 100% 7\n", _lines);
+    // With three there is no room in minutes; the row leaves half of the second minute's bucket.
+    EXPECT_QUIET(CReader(_log).points(_request, 3, keep()), 0);
+    EXPECT_EQ("(0, 120] 1 x1 50% 1\n(120, 210] 1 x1 66.6667% 4\n(210, 510] 5 x1 100% 7\n", _lines);
 }
 
 TEST_F(reader_points, at_the_end_of_time_are_one_all_the_same)
@@ -635,6 +665,20 @@ TEST_F(reader_extremes, that_come_again_are_told_where_more_is_stored)
     EXPECT_EQ("0 (0, 300] 5\n1 (0, 300] 5\n", extremes());
 }
 
+TEST_F(reader_extremes, that_no_log_writes_are_a_failure)
+{
+    const std::string wrong =
+        "int toolkit::trend::CStatement::column(size_t, "
+        "toolkit::trend::COptVal&) const: Column type is non-float\n";
+    record_minutes(1, 10);
+    std::vector<CExtremes> found;
+    execute("UPDATE trends_1_1 SET param_1_min = 'x' WHERE time = 60");  // of the smallest five
+    EXPECT_REPORTS(CReader(_log).extremes(_request, found), -1, wrong);
+    execute("UPDATE trends_1_5 SET param_1_min = 'x'");
+    EXPECT_REPORTS(CReader(_log).extremes(_request, found), -1, wrong);
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(reader_extremes, are_absent_where_there_is_no_value)
 {
     const CDeviceParams device = add_device("other", {param("flow", "avg"), param("t", "min max")});
@@ -691,6 +735,24 @@ TEST_F(reader_coverage, tells_how_large_a_table_is)
     EXPECT_EQ(4096, found[0]._bytes);
 }
 
+TEST_F(reader_coverage, of_content_that_no_log_writes_is_a_failure)
+{
+    const std::string column = "int toolkit::trend::CStatement::column(size_t, ";
+    record_minutes(1, 2);
+    std::vector<CCoverage> found;
+    execute("UPDATE trends_1_1 SET percent_valid = 'x' WHERE time = 60");
+    const std::string wrong_share = column + "double&, bool) const: Column type is non-float\n";
+    EXPECT_REPORTS(CReader(_log).coverage(_request, found), -1, wrong_share);
+    EXPECT_REPORTS(CReader(_log).best_rows(_request, keep()), -1, wrong_share);
+    execute(
+        "CREATE TABLE other AS SELECT * FROM trends_1_1; UPDATE other SET time = 60.5 WHERE time "
+        "= 60; DROP TABLE trends_1_1; ALTER TABLE other RENAME TO trends_1_1");
+    const std::string wrong_time = column + "int64_t&, bool) const: Column type is non-int\n";
+    EXPECT_REPORTS(CReader(_log).coverage(_request, found), -1, wrong_time);
+    EXPECT_REPORTS(CReader(_log).best_rows(_request, keep()), -1, wrong_time);
+    EXPECT_TRUE(at_level_0());
+}
+
 TEST_F(reader_coverage, judges_by_the_parameters_that_are_asked_for)
 {
     record(_device, 60, {NAN, 1.0});
@@ -725,6 +787,14 @@ TEST_F(reader_latest, takes_a_coarse_row_where_it_is_newer)
     execute("DELETE FROM trends_1_1 WHERE time > 540");
     EXPECT_QUIET(CReader(_log).latest(keep()), 0);
     EXPECT_EQ("(300, 600] 5 x1 100% 8\n", _lines);
+}
+
+TEST_F(reader_latest, gives_a_row_what_the_one_before_leaves)
+{
+    record(_device, 60, {1.0, 0.5});
+    record(_device, 90, {2.0, 0.5});
+    EXPECT_QUIET(CReader(_log).latest(keep()), 0);
+    EXPECT_EQ("(60, 90] 1 x1 100% 2\n", _lines);
 }
 
 TEST_F(reader_latest, ends_when_the_visitor_has_enough)

@@ -611,17 +611,25 @@ TEST_F(rebuild, refuses_rows_out_of_order_instead_of_going_round)
     _log.close();
     const std::string intact = file_bytes(_file);
     // Met while the finest table is filled; while a coarser one is recomputed from one that has no
-    // rows of the range; and where the range is extended to coarse rows off the grid.
-    for (const auto& [table, change] : std::vector<std::pair<std::string, std::string>>{
-             {"trends_1_1", ""},
-             {"trends_1_5", "DELETE FROM trends_1_1 WHERE time < 530000"},
-             {"trends_1_10", "UPDATE trends_1_10 SET time = time - 60 WHERE time > 60000"}}) {
-        SCOPED_TRACE(table);
+    // rows of the range; and where what lies behind the range is looked through for coarse rows off
+    // the grid, with none and with some.
+    struct place_t {
+        std::string _table;
+        std::string _change;
+        time_t _last;  // of the bounds
+    };
+    for (const auto& [table, change, last] : std::vector<place_t>{
+             {"trends_1_1", "", 200000},
+             {"trends_1_5", "DELETE FROM trends_1_1 WHERE time < 530000", -1},
+             {"trends_1_5", "DELETE FROM trends_1_1 WHERE time < 530000", 200000},
+             {"trends_1_10", "UPDATE trends_1_10 SET time = time - 60 WHERE time > 60000",
+              60000}}) {
+        SCOPED_TRACE(change + " " + std::to_string(intmax_t(last)));
         std::ofstream(_file, std::ios::binary) << intact;
         run_sql(_file, change);
         disorder_rows(_file, table);
         open();
-        _request._bounds = {50000, table == "trends_1_10" ? 60000 : 200000};
+        _request._bounds = {50000, last};
         _request._off_grid = OFF_GRID_EXTEND;
         EXPECT_REPORTS(toolkit::trend::rebuild(_log, _request, _result), -1,
                        "Rows of '" + table + "' are out of order: the file is damaged\n");
