@@ -1,4 +1,5 @@
-// A process that records is killed at any moment, again and again. TREND_FAULTS_KILLS is how often.
+// A process that records or rebuilds is killed at any moment, again and again. TREND_FAULTS_KILLS
+// is how often.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -37,14 +38,31 @@ namespace {
     }
 }
 
-// The last minute acknowledged by a process that was killed `microseconds` after its start.
-size_t run_and_kill(const std::string& file, bool wal, long microseconds)
+constexpr size_t MINUTES = 30;  // what the finest table keeps
+
+// Makes the values of all minutes larger by one, again and again, and tells by how much they are.
+[[noreturn]] void rebuild_for_ever(const std::string& file, bool wal, int out)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    CLog log;
+    CDeviceParams data;
+    while (recorder::start(log, file, wal, "plant/pump", data) != 0) {
+    }
+    for (auto shift = static_cast<size_t>(recorder::shift_of(log, data)) + 1;; ++shift) {
+        if (recorder::correct(log, data, MINUTES, shift) != 0) _exit(1);
+        if (write(out, &shift, sizeof shift) != sizeof shift) _exit(1);
+    }
+}
+
+// The last number told by a process that was killed `microseconds` after it began such work.
+using work_t = void (*)(const std::string& file, bool wal, int out);
+size_t run_and_kill(work_t work, const std::string& file, bool wal, long microseconds)
 {
     int ends[2];
     if (pipe(ends) != 0) throw std::runtime_error("pipe");
     fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);
     const pid_t child = fork();
-    if (child == 0) record_for_ever(file, wal, ends[1]);
+    if (child == 0) work(file, wal, ends[1]);
     close(ends[1]);
 
     const timespec pause = {0, microseconds * 1000};
@@ -52,7 +70,7 @@ size_t run_and_kill(const std::string& file, bool wal, long microseconds)
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status)) << "the recording process ended by itself";
+    EXPECT_TRUE(WIFSIGNALED(status)) << "the process ended by itself";
 
     size_t acknowledged = 0;
     while (read(ends[0], &acknowledged, sizeof acknowledged) == sizeof acknowledged) {
@@ -77,7 +95,8 @@ TEST_P(kill9, loses_nothing_acknowledged_and_leaves_no_half_roll_up)
         const std::string name = folder._path + "trend.db";
         size_t acknowledged = 0;
         for (size_t i = 0; i < 10; ++i) {
-            const size_t last = run_and_kill(name, wal, static_cast<long>(random() % 20000));
+            const size_t last =
+                run_and_kill(record_for_ever, name, wal, static_cast<long>(random() % 20000));
             if (last != 0) {
                 rows += last - acknowledged;
                 acknowledged = last;
@@ -99,6 +118,43 @@ TEST_P(kill9, loses_nothing_acknowledged_and_leaves_no_half_roll_up)
     std::printf("kill -9, %s: %zu cycles, %zu rows acknowledged, none lost\n",
                 wal ? "WAL" : "journal", (cycles + 9) / 10 * 10, rows);
     EXPECT_GT(rows, cycles);
+}
+
+TEST_P(kill9, leaves_all_of_a_rebuild_or_nothing)
+{
+    const bool wal = GetParam();
+    const size_t cycles = setting("TREND_FAULTS_KILLS", 400) / 4;
+    const auto seed = static_cast<unsigned int>(std::time(nullptr));
+    std::mt19937 random(seed);
+    const recorder::folder_t folder;
+    const std::string name = folder._path + "trend.db";
+    CDeviceParams data;
+    {
+        CLog log;
+        ASSERT_EQ(recorder::start(log, name, wal, "plant/pump", data), 0);
+        for (size_t minute = 1; minute <= MINUTES; ++minute)
+            ASSERT_EQ(recorder::record(log, data, minute), 0);
+    }
+    long done = 0;
+    for (size_t i = 0; i < cycles; ++i) {
+        const size_t told =
+            run_and_kill(rebuild_for_ever, name, wal, static_cast<long>(random() % 20000));
+
+        // One more may have been done and not told.
+        CLog log;
+        ASSERT_EQ(recorder::start(log, name, wal, "plant/pump", data), 0) << "seed " << seed;
+        const long shift = recorder::shift_of(log, data);
+        if (told != 0) done = static_cast<long>(told);
+        ASSERT_GE(shift, done) << "seed " << seed;
+        ASSERT_LE(shift, done + 1) << "seed " << seed;
+        ASSERT_EQ(recorder::wrong_rows(log, data, static_cast<size_t>(shift)), "")
+            << "seed " << seed;
+        ASSERT_EQ(recorder::damage(name), "") << "seed " << seed;
+        done = shift;
+    }
+    std::printf("kill -9 of a rebuild, %s: %zu cycles, %ld rebuilds\n", wal ? "WAL" : "journal",
+                cycles, done);
+    EXPECT_GT(done, static_cast<long>(cycles));
 }
 
 namespace {

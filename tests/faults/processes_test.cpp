@@ -306,4 +306,117 @@ TEST_P(processes, lose_no_row_by_the_recipes)
     EXPECT_EQ(recorder::damage(file), "");
 }
 
+// One corrects all that there is of a device, others record theirs, and the rest read the first one
+// through every view.
+TEST_P(processes, read_and_record_beside_one_that_rebuilds)
+{
+    const int count = GetParam();
+    const size_t rounds = setting("TREND_FAULTS_ROWS", 4000) / 20;
+    constexpr size_t MINUTES = 30;  // what the finest table keeps
+    const recorder::folder_t folder;
+    const std::string file = folder._path + "trend.db";
+    CDeviceParams data;
+    {
+        CLog log;
+        ASSERT_EQ(recorder::start(log, file, true, name_of(0), data), 0);
+        for (size_t minute = 1; minute <= MINUTES; ++minute)
+            ASSERT_EQ(recorder::record(log, data, minute), 0);
+    }
+    void* const shared =
+        mmap(nullptr, sizeof(board_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    board_t& board = *new (shared) board_t{};
+    board._writing = 1;
+    board._waiting = count;
+    const auto reads = [](int me) { return me % 2 == 1; };
+
+    const auto rebuild = [&] {
+        CLog log;
+        const std::string words = words_of(file, 0);
+        until_done(
+            board, words, [&] { return recorder::start(log, file, true, name_of(0), data); },
+            [] {});
+        board.meet(board._waiting);
+        // Until everybody else has had a turn, too.
+        const auto is_waiting = [&] {
+            for (int me = 1; me < count; ++me)
+                if ((reads(me) ? board._reads[me] : board._rows[me]) < 10) return !board._wrong;
+            return false;
+        };
+        for (size_t shift = 1; shift <= rounds || is_waiting(); ++shift) {
+            until_done(
+                board, words, [&] { return recorder::correct(log, data, MINUTES, shift); },
+                [&] {
+                    const std::string wrong = recorder::wrong_rows(log, data, shift - 1);
+                    if (wrong.empty()) return;
+                    std::fprintf(stderr, "refused rebuild %zu: %s\n", shift, wrong.c_str());
+                    board._wrong = true;
+                    _exit(3);
+                });
+            board._rows[0] = shift;
+        }
+        board._writing = 0;
+    };
+    const auto record = [&](int me) {
+        CLog log;
+        CDeviceParams own;
+        const std::string words = words_of(file, me);
+        until_done(
+            board, words, [&] { return recorder::start(log, file, true, name_of(me), own); },
+            [] {});
+        board.meet(board._waiting);
+        for (size_t minute = 1; board._writing > 0 && !board._wrong; ++minute) {
+            until_done(
+                board, words, [&] { return recorder::record(log, own, minute); }, [] {});
+            board._rows[me] = minute;
+        }
+    };
+    const auto read = [&](int me) {
+        CLog log;
+        board.meet(board._waiting);
+        if (log.open(file, true, false, 20, false, 0, 0, 0, true) != 0) _exit(2);
+        while (board._writing > 0 && !board._wrong) {
+            const std::string wrong =
+                recorder::wrong_views(log, data, MINUTES, [] { sched_yield(); });
+            ++board._reads[me];
+            if (wrong.empty()) continue;
+            std::fprintf(stderr, "%s\n", wrong.c_str());
+            board._wrong = true;
+            _exit(3);
+        }
+    };
+    std::vector<pid_t> children;
+    for (int me = 0; me < count; ++me)
+        children.push_back(in_process(words_of(file, me), [&, me] {
+            if (me == 0)
+                rebuild();
+            else if (reads(me))
+                read(me);
+            else
+                record(me);
+        }));
+    for (int me = 0; me < count; ++me) {
+        int status = 0;
+        const pid_t child = children[static_cast<size_t>(me)];
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << "a process did not finish: " << text_of(words_of(file, me));
+        if (status == 0) continue;
+        board._wrong = true;  // nobody waits for it
+        board._writing = 0;
+        board._waiting = 0;
+    }
+    ASSERT_FALSE(HasFailure());
+
+    CLog log;
+    ASSERT_EQ(log.open(file, false, false, 20, false, 0, 0, 0, true), 0);
+    EXPECT_EQ(recorder::wrong_rows(log, data, board._rows[0]), "");
+    for (int me = 2; me < count; me += 2)
+        EXPECT_EQ(rows_of(log, name_of(me)), rows_of_one_alone(board._rows[me])) << name_of(me);
+    EXPECT_EQ(board._other, 0U) << "refused with another code than 517 or 261";
+    EXPECT_EQ(recorder::damage(file), "");
+    std::printf("Beside %zu rebuilds: refused %zu times with 517 and %zu with 261\n",
+                board._rows[0].load(), board._stale.load(), board._recovering.load());
+    munmap(shared, sizeof(board_t));
+}
+
 INSTANTIATE_TEST_SUITE_P(together, processes, testing::Values(2, 3, 4, 6, MOST));

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "trend_reader.h"
 #include "trend_repair.h"
 
 using namespace toolkit::trend;
@@ -41,10 +42,10 @@ std::string new_folder()
 
 bool is(const COptVal& value, double wanted) { return value && std::fabs(*value - wanted) < 1e-9; }
 
-// A row of `length` minutes that ends with minute `last`, where minute n has the value n.
-bool is_right(const CSnapshot& row, long length, long last)
+// A row of `length` minutes that ends with minute `last`, where minute n has the value n + shift.
+bool is_right(const CSnapshot& row, long length, long last, size_t shift)
 {
-    const auto end = static_cast<double>(last);
+    const double end = static_cast<double>(last) + static_cast<double>(shift);
     const auto count = static_cast<double>(length);
     const CSample& sample = row._samples.at(0);
     return row._percent_valid == 100.0 && is(sample._min, end - count + 1.0) &&
@@ -126,7 +127,31 @@ long newest(CLog& log, const CDeviceParams& data)
     return time == -1 ? 0 : static_cast<long>(time / 60);
 }
 
-std::string wrong_rows(CLog& log, const CDeviceParams& data)
+int correct(CLog& log, const CDeviceParams& data, size_t minutes, size_t shift)
+{
+    CRebuildRequest request;
+    request._device = data._device;
+    request._params = data._params;
+    request._replace = true;
+    for (size_t minute = 1; minute <= minutes; ++minute) {
+        request._rows.push_back(snapshot_of(minute + shift));
+        request._rows.back()._time = static_cast<time_t>(minute) * 60;
+    }
+    CRebuildResult result;
+    return rebuild(log, request, result);
+}
+
+long shift_of(CLog& log, const CDeviceParams& data)
+{
+    CDeviceData found;
+    if (log.get_trend_data(found, data, {PERIODS[0]}, {-1, -1}, 1, 0, false, false) != 0 ||
+        found._snapshots.empty())
+        return -1;
+    const CSnapshot& row = found._snapshots[0];
+    return static_cast<long>(*row._samples.at(0)._avg) - static_cast<long>(row._time / 60);
+}
+
+std::string wrong_rows(CLog& log, const CDeviceParams& data, size_t shift)
 {
     CDeviceData found;
     if (log.get_trend_data(found, data, PERIODS, {-1, -1}, 0, 0, true, false) != 0)
@@ -135,7 +160,9 @@ std::string wrong_rows(CLog& log, const CDeviceParams& data)
     constexpr time_t MUCH_LATER = 1000000000;
     std::string warnings;
     const finding_visitor_t take = [&](const CFinding& finding) {
-        if (finding._severity != SEVERITY_INFORMATION) warnings += finding._text;
+        // The write-ahead log may grow while others read.
+        if (finding._severity != SEVERITY_INFORMATION && finding._kind != FINDING_WRITE_AHEAD_LOG)
+            warnings += finding._text;
         return true;
     };
     if (check_log(log, MUCH_LATER, take) != 0) return "can't be checked";
@@ -146,7 +173,7 @@ std::string wrong_rows(CLog& log, const CDeviceParams& data)
         const auto length = static_cast<long>(row._period);
         const auto last = static_cast<long>(row._time / 60);
         const std::string name = "row " + std::to_string(last) + " of " + std::to_string(length);
-        if (row._time % 60 != 0 || !is_right(row, length, last)) return "wrong " + name;
+        if (row._time % 60 != 0 || !is_right(row, length, last, shift)) return "wrong " + name;
         std::vector<long>& of_period = minutes[length];
         if (!of_period.empty() && last != of_period.back() + length) return "gap before " + name;
         of_period.push_back(last);
@@ -166,6 +193,48 @@ std::string wrong_rows(CLog& log, const CDeviceParams& data)
             return "only " + std::to_string(of_period.size()) + " rows of " +
                    std::to_string(length);
     }
+    return "";
+}
+
+std::string wrong_views(CLog& log, const CDeviceParams& data, size_t minutes,
+                        const std::function<void()>& others)
+{
+    CReader reader(log);
+    CReadRequest request;
+    static_cast<CDeviceParams&>(request) = data;
+    request._bounds = {1, static_cast<time_t>(minutes) * 60};
+    long shift = -1;  // of the view, by its first row
+    std::string wrong;
+    const interval_visitor_t take = [&](const CDeviceParams&, const CInterval& row) {
+        const auto last = static_cast<long>(row._time / 60);
+        const auto length = static_cast<long>((row._time - row._start) / 60);
+        if (shift < 0) shift = static_cast<long>(*row._samples[0]._max) - last;
+        if (shift < 0 || !is_right(row, length, last, static_cast<size_t>(shift)))
+            wrong += " row " + std::to_string(last) + " of " + std::to_string(length);
+        others();
+        return wrong.empty();
+    };
+    const edges_t edges = {0, 7 * 60, 15 * 60, static_cast<time_t>(minutes) * 60};
+    const std::vector<std::pair<const char*, std::function<int()>>> views = {
+        {"rows", [&] { return reader.rows(request, {}, true, false, take); }},
+        {"best rows", [&] { return reader.best_rows(request, take); }},
+        {"points", [&] { return reader.points(request, 4, take); }},
+        {"buckets", [&] { return reader.buckets(request, edges, take); }}};
+    for (const auto& [name, run] : views) {
+        shift = -1;
+        if (run() != 0) return std::string(name) + " can't be read";
+        if (!wrong.empty()) return name + wrong;
+    }
+
+    std::vector<CExtremes> extremes;
+    std::vector<CCoverage> coverage;
+    if (reader.extremes(request, extremes) != 0) return "extremes can't be read";
+    if (*extremes[0]._max._value - *extremes[0]._min._value != static_cast<double>(minutes - 1))
+        return "extremes of two moments";
+    if (reader.coverage(request, coverage) != 0) return "coverage can't be read";
+    for (const CCoverage& table : coverage)
+        if (table._rows != static_cast<int64_t>(minutes / table._period._period))
+            return "coverage of half a table";
     return "";
 }
 

@@ -4,6 +4,7 @@
 // whatever happened: the value of every row follows from its time.
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,23 @@ int record(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data,
 // The newest minute that the log has, 0 when there is none; -1 when it can't be read.
 long newest(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data);
 
+// Makes every value of these first minutes so much larger than it was recorded, by one rebuild. No
+// minute may have been trimmed.
+int correct(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data, size_t minutes,
+            size_t shift);
+
+// By how much the newest value is larger than it was recorded; -1 when it can't be read.
+long shift_of(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data);
+
 // Whether the device's rows are what recording up to the newest minute has to leave: without gaps,
-// values and roll-ups right, none missing. Empty, or what is wrong.
-std::string wrong_rows(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data);
+// values and roll-ups right, all larger by `shift`, none missing. Empty, or what is wrong.
+std::string wrong_rows(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data,
+                       size_t shift = 0);
+
+// Whether each view of a reader shows one moment of the first minutes of a device that others
+// correct meanwhile; `others` lets them, within the view. Empty, or what is wrong.
+std::string wrong_views(toolkit::trend::CLog& log, const toolkit::trend::CDeviceParams& data,
+                        size_t minutes, const std::function<void()>& others);
 
 // What SQLite finds wrong with the file; empty when nothing is.
 std::string damage(const std::string& file);

@@ -508,6 +508,13 @@ const std::vector<step_t> STEPS = {
      [](CLog& log, const setting_t&) { return rebuild_pump(log, false); }},
     {"rebuild as a dry run", step_t::LOG, step_t::ROLLS_BACK | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return rebuild_pump(log, true); }},
+    {"rebuild of a gap in a host transaction", step_t::LOG, step_t::LONG, 0,
+     [](CLog& log, const setting_t&) {  // one row comes back, the others as blank ones
+         return in_transaction(log, [&] {
+             if (log.clear_trend_data(pump(), {20 * 60, 23 * 60}) != 1) return -1;
+             return rebuild_pump(log, false)._code;
+         });
+     }},
 
     {"check_log", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) { return check(log); }},
@@ -556,6 +563,18 @@ const std::vector<step_t> STEPS = {
          return read_view(
              log, [](CReader& reader, const CReadRequest& request,
                      const interval_visitor_t& visit) { return reader.points(request, 5, visit); });
+     }},
+    {"buckets", step_t::LOG, step_t::READS | step_t::LONG, 0,
+     [](CLog& log, const setting_t&) {  // rows inside of them and across their edges
+         return read_view(log, [](CReader& reader, const CReadRequest& request,
+                                  const interval_visitor_t& visit) {
+             edges_t edges;
+             {
+                 const memory::unfailing ours;
+                 edges = {0, 450, 900, 1100, 1740};
+             }
+             return reader.buckets(request, edges, visit);
+         });
      }},
     {"latest", step_t::LOG, step_t::READS | step_t::LONG, 0,
      [](CLog& log, const setting_t&) {
