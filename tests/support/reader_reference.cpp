@@ -143,6 +143,34 @@ place_t place_of(const piece_t& piece, const std::vector<int64_t>& edges, size_t
     return {most >= first && most <= last, false, most};
 }
 
+bool is_near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1.0 + std::fabs(a)); }
+
+bool is_same(const COptVal& a, const COptVal& b, bool exact, bool is_pf)
+{
+    if (!a || !b) return !a && !b;
+    if (exact) return *a == *b;
+    if (!is_pf) return is_near(*a, *b);
+    // The ends of the scale meet.
+    const double apart = std::fabs(on_scale(true, *a) - on_scale(true, *b));
+    return is_near(std::min(apart, 2.0 - apart), 0.0);
+}
+
+bool is_same(const std::vector<CParamProperties>& params, const CInterval& a, const CInterval& b)
+{
+    const bool exact = a._rows == 1;
+    if (a._start != b._start || a._time != b._time || a._period != b._period ||
+        a._rows != b._rows || !is_near(a._percent_valid, b._percent_valid))
+        return false;
+    for (size_t i = 0; i < params.size(); ++i)
+        for (const column_t& column : COLUMNS) {
+            const bool is_pf = params[i]._type == SAMPLE_TYPE_PF && column._value != &CSample::_sum;
+            if (params[i].*column._kept &&
+                !is_same(a._samples[i].*column._value, b._samples[i].*column._value, exact, is_pf))
+                return false;
+        }
+    return true;
+}
+
 std::string number(const COptVal& value, bool exact)
 {
     if (!value) return "-";
@@ -286,6 +314,14 @@ std::vector<CInterval> points(const history_t& history, const std::vector<int64_
         group.clear();
     }
     return points;
+}
+
+bool same(const std::vector<CParamProperties>& params, const std::vector<CInterval>& some,
+          const std::vector<CInterval>& others)
+{
+    return std::equal(
+        some.begin(), some.end(), others.begin(), others.end(),
+        [&](const CInterval& a, const CInterval& b) { return is_same(params, a, b); });
 }
 
 std::string text(const std::vector<CParamProperties>& params,

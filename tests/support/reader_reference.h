@@ -50,8 +50,13 @@ std::vector<toolkit::trend::CInterval> points(const history_t& history,
                                               const std::vector<int64_t>& edges, size_t first,
                                               size_t last, bool open_front = false);
 
-// One line for each interval: start, end, period, rows, percent valid and values, the last two
-// rounded to nine digits where they were computed from several rows.
+// Whether they are the same, to the last bit where a row is all that there is, and but for the
+// order of additions where values were computed from several.
+bool same(const std::vector<toolkit::trend::CParamProperties>& params,
+          const std::vector<toolkit::trend::CInterval>& some,
+          const std::vector<toolkit::trend::CInterval>& others);
+
+// One line for each interval: start, end, period, rows, percent valid and values.
 std::string text(const std::vector<toolkit::trend::CParamProperties>& params,
                  const std::vector<toolkit::trend::CInterval>& intervals);
 

@@ -110,10 +110,10 @@ public:
     // For each stretch of time the coarsest stored period is read whose rows lie wholly inside a
     // bucket, finer rows elsewhere. Rows that lie in no bucket count by the rule of best_rows():
     // where these leave a part of their interval uncovered. Such a row is never split. One that is
-    // longer than the bucket, and covers it or reaches beyond the outermost edges, is a point with
-    // its own bounds in place of the buckets that it covers. Any other belongs to the bucket that
-    // has its greater part (the earlier of two equal ones). A point's bounds are those of its
-    // bucket, moved to those of such a row, so that points never overlap.
+    // longer than the bucket, and covers it or reaches beyond the first or the last bucket of the
+    // window, is a point with its own bounds in place of the buckets that it covers. Any other
+    // belongs to the bucket that has its greater part (the earlier of two equal ones). A point's
+    // bounds are those of its bucket, moved to those of such a row, so that points never overlap.
     //
     // What a point has, per parameter and aggregate kept, of the rows that it is made of; values
     // that are absent are left aside:
@@ -130,10 +130,11 @@ public:
 
     // At most `n` points of the window: buckets() on a grid that is locked to absolute time, so
     // that peaks stand still while the window moves. The window is widened to whole buckets of the
-    // smallest length that gives at most `n` points: 1, 2, 5, 10, 15, 30 minutes, 1, 2, 3, 6, 12
-    // hours, 1, 2, 7, 14, 28 days, then twice the one before; only multiples of the finest period
-    // (where there is none, these numbers of finest periods instead of minutes). Open ends of the
-    // window are those of the stored rows. Reports "Error: invalid number of points" (0).
+    // smallest length of which `n` are enough, together with the rows that reach beyond the first
+    // or the last bucket as points of their own: 1, 2, 5, 10, 15, 30 minutes, 1, 2, 3, 6, 12 hours,
+    // 1, 2, 7, 14, 28 days, then twice the one before; only multiples of the finest period (where
+    // there is none, these numbers of finest periods instead of minutes). Open ends of the window
+    // are those of the stored rows. Reports "Error: invalid number of points" (0).
     int points(const CReadRequest& request, size_t n, const interval_visitor_t& visit);
 
     // Summaries ---------------------------------------------------------------------------------

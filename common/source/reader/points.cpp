@@ -171,7 +171,8 @@ int count_overhangs(CDatabase& db, const subject_t& subject, const buckets_t& bu
         if (const int failed = picker.next(found, piece)) return failed;
         if (!found || piece._end - piece._start <= buckets.longest()) continue;
         // One that fills a bucket is the point of that.
-        if (moment == start ? piece._start < start && piece._end < buckets.end(range._first)
+        if (moment == start ? buckets.number(piece._start + 1) < range._first &&
+                                  piece._end < buckets.end(range._first)
                             : piece._end > end && piece._start < end &&
                                   piece._start > buckets.start(range._last))
             ++overhangs;
