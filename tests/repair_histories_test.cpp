@@ -258,10 +258,10 @@ TEST_P(rebuilt_history, on_the_grid_gives_nothing_to_find)
         last = row._time;
         record_on_grid(log, history, device, row);
         if (once_in(random, 300)) {
-            ASSERT_EQ(
-                0, log.fill_blank_values(
-                       device._device,
-                       row._time + static_cast<time_t>(below(random, 40)) * history.step(), false));
+            const time_t far = std::min<time_t>(40, longest_gap / history.step() + 1);
+            const auto steps = static_cast<time_t>(below(random, static_cast<size_t>(far)));
+            ASSERT_EQ(0, log.fill_blank_values(device._device, row._time + steps * history.step(),
+                                               false));
             time_t latest = 0;
             ASSERT_EQ(0, log.get_latest_timestamp(device._device, latest));
             skipped -= latest - last;
