@@ -21,10 +21,10 @@ from collections import defaultdict
 from concurrent.futures import ThreadPoolExecutor
 
 LIST = pathlib.Path("tests/unreached.txt")
-BRANCHES_GOAL = 95.0  # %; of the lines it is all
+BRANCHES_GOAL = 96.5  # %; of the lines it is all
 
 # Rooms whose branches do not all have tests yet: what is not reached there is printed, no error.
-YOUNG = ("common/source/reader/", "common/source/recorder/", "common/source/repair/")
+YOUNG = ("common/source/recorder/",)
 
 
 def gcov(data):
