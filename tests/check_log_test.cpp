@@ -504,6 +504,33 @@ TEST_F(check_log, compares_no_coarse_row_with_rows_of_a_period_that_came_later)
               "at a boundary: 5.\n");
 }
 
+TEST_F(check_log, tells_of_averages_that_a_period_in_between_weighs_otherwise)
+{
+    _log.close();
+    std::remove(_file.c_str());
+    open();
+    add_periods({{1, 100}, {15, 20}});
+    _pump = add_device("pump", {param("u", "avg")});
+    for (int minute = 1; minute <= 15; ++minute)
+        record(_pump, minute * 60, {minute <= 4 ? NAN : double(minute)});
+    EXPECT_EQ(rows("SELECT param_1_avg FROM trends_1_15"), "10.0");  // 5 to 15
+    EXPECT_EQ(found(), "");
+    add_period(5, 20);
+    record(_pump, 16 * 60, {16.0});
+    // 5, 8 and 13 weigh the same now: 26 / 3.
+    EXPECT_EQ(rows("SELECT param_1_avg FROM trends_1_5"), "5.0\n8.0\n13.0");
+    EXPECT_EQ(found(),
+              "warning coarse_rows pump 15 900 900 1; Rows of trends_1_15 that are not "
+              "what their rows of trends_1_5 give: 1, the first in param_1_avg.\n");
+
+    CRebuildRequest request;
+    request._device = _pump._device;
+    CRebuildResult result;
+    ASSERT_EQ(rebuild(_log, request, result), 0);
+    EXPECT_EQ(rows("SELECT round(param_1_avg, 9) FROM trends_1_15"), "8.666666667");
+    EXPECT_EQ(found(), "");
+}
+
 TEST_F(check_log, tells_of_a_write_ahead_log_that_no_checkpoint_empties)
 {
     ASSERT_EQ(_log.checkpoint_config(2), 0);

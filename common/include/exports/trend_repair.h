@@ -22,7 +22,8 @@ enum severity_t : int {
     SEVERITY_ERROR = 2     // operations on this file fail, stop the process or give wrong rows
 };
 
-// The order is that of severity. A log that is used as docs/guide.md says gives information only.
+// The order is that of severity. A log that is used as docs/guide.md says gives information only,
+// but for averages from before a period was added or removed, see FINDING_COARSE_ROWS.
 enum finding_kind_t : int {
     // Errors
     FINDING_DAMAGE,         // what SQLite's own checks find, and content that cannot be read
@@ -37,7 +38,7 @@ enum finding_kind_t : int {
     FINDING_FUTURE_ROWS,      // rows that end later than now
     FINDING_PERCENT_VALID,    // rows whose percent_valid is not in 0 to 100
     FINDING_LATE_ROWS,        // rows that came too late for the coarse row of their time
-    FINDING_COARSE_ROWS,      // coarse rows that are not what their finer rows give
+    FINDING_COARSE_ROWS,      // coarse rows that are not what their finer rows give; see below
     FINDING_WRITE_AHEAD_LOG,  // a write-ahead log that no checkpoint empties
     // Information
     FINDING_HOLES,       // intervals without a row, between the first and the last
@@ -46,6 +47,11 @@ enum finding_kind_t : int {
     FINDING_FREE_PAGES,  // pages of the file that hold nothing
     FINDING_LISTEND      // end marker, not a kind
 };
+
+// A coarse row is compared with rows of the next finer period that the file has today. One that was
+// made of others, before a period came in between or went, may have another average where values
+// were absent, since absent values do not weigh in the finer average but their time does. That is
+// the one warning that a log may give which is used as the guide says; rebuild() ends it.
 
 // "coarse_rows", "warning": for output that programs read. Anything else is an assertion failure.
 TREND_EXPORT const char* finding_name(finding_kind_t kind);
