@@ -257,6 +257,7 @@ TEST_F(untrusted_clock, goes_on_behind_what_is_stored)
     EXPECT_EQ(tick_after(0), 0);
     EXPECT_EQ(told(),
               "clock: the clock is trusted: 1 rows are stamped 1800000060 s later\n"
+              "late: 'pump': 1 readings of an interval that is stored\n"
               "rejected: 'pump': the row of 1800000120 is older than that of 1800000240\n");
     EXPECT_EQ(count(NOTICE_REJECTED), 1);
     EXPECT_EQ(push(0, 8.0, 200'000), NOTICE_LATE);

@@ -264,7 +264,7 @@ TEST(notice_name, is_what_programs_read)
     const char* names[] = {"none",          "late",       "future",    "duplicate", "not_finite",
                            "out_of_limits", "off_grid",   "unknown",   "overflow",  "rejected",
                            "gap",           "unfinished", "abandoned", "busy",      "full",
-                           "failed",        "misuse",     "clock",     "rebuild"};
+                           "failed",        "misuse",     "clock",     "rebuild",   "merged"};
     for (int i = 0; i < NOTICE_LISTEND; ++i)
         EXPECT_STREQ(notice_name(static_cast<notice_t>(i)), names[i]);
     EXPECT_STOPS(notice_name(NOTICE_LISTEND), "notice<NOTICE_LISTEND");

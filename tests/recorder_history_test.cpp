@@ -1,5 +1,6 @@
 // Histories of starts, gaps, kills and steps of the clock at random: every row of the file must be
-// what a plain computation from the readings gives, piece of time by piece of time.
+// what a plain computation from the readings gives, piece of time by piece of time. In every third
+// one what comes late is merged.
 // TREND_RECORDER_HISTORIES is how many, TREND_FAULTS_SEED the first.
 
 #include <gtest/gtest.h>
@@ -33,6 +34,8 @@ struct reading_t {
     double _value;
 };
 
+using readings_t = std::vector<std::vector<reading_t>>;  // by parameter
+
 // A value, or none.
 using maybe_t = std::vector<double>;
 
@@ -51,8 +54,9 @@ double off_scale(double val) { return val > 1.0 ? val - 2.0 : val; }
 // What the history has brought about, from its readings alone.
 class expected_t {
 public:
-    explicit expected_t(std::vector<CRecorderParam> params)
-        : _params(std::move(params)), _readings(_params.size())
+    // Late rows are merged into a table that keeps so many; 0 for not at all.
+    expected_t(std::vector<CRecorderParam> params, int64_t kept)
+        : _params(std::move(params)), _kept(kept), _readings(_params.size())
     {
     }
 
@@ -61,7 +65,7 @@ public:
     {
         const CRecorderParam& param = _params[number];
         std::vector<reading_t>& readings = _readings[number];
-        if (moment <= _closed) return false;
+        if (moment <= _closed) return _kept > 0 && _stamped && take_late(number, value, moment);
         if (param._kind != READING_TOTAL && !readings.empty() && moment <= readings.back()._moment)
             return false;
         pass(moment);
@@ -74,13 +78,61 @@ public:
     {
         const int64_t border = (moment - 1) / MINUTE * MINUTE;
         for (int64_t end = _closed + MINUTE; end <= border; end += MINUTE)
-            _waiting[end] = row_of(end);
+            _waiting[end] = row_of(_readings, end);
         _closed = std::max(_closed, border);
+    }
+
+    // The recorder has looked at the clock: late readings end when none has come for a minute.
+    void look(int64_t monotonic)
+    {
+        _monotonic = monotonic;
+        if (monotonic - _late_taken >= MINUTE) end_late();
+    }
+
+    void end_late()
+    {
+        if (_late_end > 0) close_late();
+        _late_end = 0;
+    }
+
+    size_t late_rows() const { return _late_rows.size(); }
+
+    // What becomes of the late rows, none of which is left.
+    void merge()
+    {
+        const int64_t newest = _newest;
+        std::map<int64_t, row_t> newer;
+        for (const auto& [end, row] : _late_rows) {
+            if (end > newest)
+                newer.insert({end, row});
+            else if ((newest - end) / MINUTE >= _kept + SPARE)
+                _open.insert(end);
+            else if (end >= _rows.begin()->first && is_blank(_rows[end]))
+                _rows[end] = row;
+            // Of its group something may be gone, or left out of a long gap: the coarse row stays.
+            for (int64_t t = (end - 1) / DAY * DAY + MINUTE; end <= newest && t <= end; t += MINUTE)
+                if ((newest - t) / MINUTE >= _kept) _incomplete.insert(t);
+        }
+        for (const auto& [end, row] : newer)
+            append(end, row);
+        _newest = _rows.empty() ? -1 : _rows.rbegin()->first;
+        _late_rows.clear();
+    }
+
+    // Whether there is no telling of a row if late ones could still be merged, or taken into it.
+    bool is_open(int64_t end, int64_t length) const
+    {
+        if (length == MINUTE) return _open.count(end) != 0;
+        const auto from = _incomplete.upper_bound(end - length);
+        return from != _incomplete.end() && *from <= end;
     }
 
     // A start; before the clock is trusted what is stored says nothing.
     void start(int64_t now, bool trusted)
     {
+        _stamped = trusted;
+        _late_end = 0;
+        _late_rows.clear();
         _closed = (now - 1) / MINUTE * MINUTE;
         if (trusted) _closed = std::max(_closed, _newest);
         for (auto& readings : _readings)
@@ -89,8 +141,9 @@ public:
     }
 
     // Everything of this start lies so much later.
-    void move(int64_t by)
+    void move(int64_t by, int64_t monotonic)
     {
+        _monotonic = monotonic;
         std::map<int64_t, row_t> moved;
         for (const auto& [end, row] : _waiting)
             moved[end + by] = row;
@@ -99,24 +152,27 @@ public:
             for (reading_t& reading : readings)
                 reading._moment += by;
         _closed += by;
-        _closed = std::max(_closed, _newest);  // recorded once by a clock that was ahead
+        _stamped = true;
+        if (_closed >= _newest) return;
+        // Recorded once by a clock that was ahead. What has been read since is late.
+        for (const auto& readings : _readings)
+            if (_kept > 0 && !readings.empty() && readings.back()._moment > _closed) {
+                _late = _readings;
+                _late_end = _closed + MINUTE;
+                _late_taken = _monotonic;
+            }
+        _closed = _newest;
     }
 
     void commit()
     {
         for (const auto& [end, row] : _waiting) {
-            if (end <= _newest) continue;
-            bool blank = true;
-            for (const cell_t& cell : row._cells)
-                blank = blank && cell._actual.empty() && cell._sum.empty() && cell._avg.empty();
-            if (_rows.empty() && blank) continue;
-            if (_rows.empty())
-                for (int64_t t = (end - 1) / DAY * DAY + MINUTE; t < end; t += MINUTE)
-                    _rows[t] = blank_row();
-            for (int64_t t = _rows.empty() ? end : _rows.rbegin()->first + MINUTE; t < end;
-                 t += MINUTE)
-                _rows[t] = blank_row();
-            _rows[end] = row;
+            if (end <= _newest) {
+                if (_kept > 0 && !is_blank(row)) _late_rows.emplace_back(end, row);
+                continue;
+            }
+            if (_rows.empty() && is_blank(row)) continue;
+            append(end, row);
         }
         _waiting.clear();
         if (!_rows.empty())
@@ -144,6 +200,48 @@ public:
     const std::map<int64_t, row_t>& rows() const { return _rows; }
 
 private:
+    static bool is_blank(const row_t& row)
+    {
+        return std::all_of(row._cells.begin(), row._cells.end(), [](const cell_t& cell) {
+            return cell._actual.empty() && cell._sum.empty() && cell._avg.empty();
+        });
+    }
+
+    void append(int64_t end, const row_t& row)
+    {
+        int64_t t = _rows.empty() ? (end - 1) / DAY * DAY + MINUTE : _rows.rbegin()->first + MINUTE;
+        for (; t < end; t += MINUTE)
+            _rows[t] = blank_row();
+        _rows[end] = row;
+    }
+
+    // Trimming leaves so many more.
+    static constexpr int64_t SPARE = 10;
+
+    bool take_late(size_t number, double value, int64_t moment)
+    {
+        if (_late_end == 0 || moment <= _late_end - MINUTE) {
+            end_late();
+            _late.assign(_params.size(), {});
+            _late_end = (moment + MINUTE - 1) / MINUTE * MINUTE;
+        }
+        _late_taken = _monotonic;
+        std::vector<reading_t>& readings = _late[number];
+        if (_params[number]._kind != READING_TOTAL && !readings.empty() &&
+            moment <= readings.back()._moment)
+            return false;
+        for (; moment > _late_end; _late_end += MINUTE)
+            close_late();
+        readings.push_back({moment, value});
+        return true;
+    }
+
+    void close_late()
+    {
+        const row_t row = row_of(_late, _late_end);
+        if (!is_blank(row)) _late_rows.emplace_back(_late_end, row);
+    }
+
     row_t blank_row() const
     {
         row_t row;
@@ -158,9 +256,8 @@ private:
     }
 
     // The last reading at or before the moment.
-    const reading_t* reading_at(size_t number, int64_t moment) const
+    static const reading_t* reading_at(const std::vector<reading_t>& readings, int64_t moment)
     {
-        const std::vector<reading_t>& readings = _readings[number];
         for (size_t i = readings.size(); i-- > 0;)
             if (readings[i]._moment <= moment) return &readings[i];
         return nullptr;
@@ -172,7 +269,7 @@ private:
                _params[number]._kind == READING_POWER_FACTOR;
     }
 
-    row_t row_of(int64_t end) const
+    row_t row_of(const readings_t& readings, int64_t end) const
     {
         row_t row = blank_row();
         std::set<int64_t> known;  // pieces of time
@@ -181,11 +278,11 @@ private:
             cell_t& cell = row._cells[i];
             only_totals = only_totals && _params[i]._kind == READING_TOTAL;
             if (is_gauge(i))
-                gauge_cell(i, end, cell, known);
+                gauge_cell(i, readings[i], end, cell, known);
             else if (_params[i]._kind == READING_COUNTER)
-                counter_cell(i, end, cell, known);
+                counter_cell(i, readings[i], end, cell, known);
             else
-                for (const reading_t& reading : _readings[i])
+                for (const reading_t& reading : readings[i])
                     if (reading._moment > end - MINUTE && reading._moment <= end) {
                         cell._sum = {(cell._sum.empty() ? 0.0 : cell._sum[0]) + reading._value};
                         has_amount = true;
@@ -197,7 +294,8 @@ private:
         return row;
     }
 
-    void gauge_cell(size_t number, int64_t end, cell_t& cell, std::set<int64_t>& known) const
+    void gauge_cell(size_t number, const std::vector<reading_t>& readings, int64_t end,
+                    cell_t& cell, std::set<int64_t>& known) const
     {
         const bool pf = _params[number]._kind == READING_POWER_FACTOR;
         const auto scaled = [&](double value) { return pf ? on_scale(value) : value; };
@@ -205,7 +303,7 @@ private:
         double weighted = 0.0;
         int64_t pieces = 0;
         for (int64_t at = end - MINUTE; at < end; at += PIECE) {
-            const reading_t* reading = reading_at(number, at);
+            const reading_t* reading = reading_at(readings, at);
             if (!reading || at >= reading->_moment + hold_of(number)) continue;
             known.insert(at);
             seen.push_back(scaled(reading->_value));
@@ -213,7 +311,7 @@ private:
             ++pieces;
         }
         // What was read on the border was not held in any piece.
-        for (const reading_t& reading : _readings[number])
+        for (const reading_t& reading : readings)
             if (reading._moment > end - MINUTE && reading._moment <= end) {
                 seen.push_back(scaled(reading._value));
                 cell._actual = {reading._value};
@@ -226,9 +324,9 @@ private:
         cell._avg = {pieces > 0 ? back(weighted / static_cast<double>(pieces)) : cell._actual[0]};
     }
 
-    void counter_cell(size_t number, int64_t end, cell_t& cell, std::set<int64_t>& known) const
+    void counter_cell(size_t number, const std::vector<reading_t>& readings, int64_t end,
+                      cell_t& cell, std::set<int64_t>& known) const
     {
-        const std::vector<reading_t>& readings = _readings[number];
         for (size_t i = 0; i < readings.size(); ++i) {
             const reading_t& reading = readings[i];
             if (reading._moment <= end - MINUTE || reading._moment > end) continue;
@@ -276,8 +374,18 @@ private:
     }
 
     std::vector<CRecorderParam> _params;
-    std::vector<std::vector<reading_t>> _readings;  // of this start
+    int64_t _kept;
+    readings_t _readings;  // of this start
     int64_t _closed = 0;
+    bool _stamped = false;
+    readings_t _late;       // since the last one that was older than the one before
+    int64_t _late_end = 0;  // of the interval of the last one, 0 for none
+    int64_t _late_taken = 0;
+    int64_t _monotonic = 0;
+    std::vector<std::pair<int64_t, row_t>> _late_rows;
+    std::set<int64_t> _open;  // late rows that may have been too old
+    std::set<int64_t>
+        _incomplete;  // times of rows that may have been missing as others were merged
     std::map<int64_t, row_t> _waiting;  // closed and not committed
     std::map<int64_t, row_t> _rows;     // committed, without gaps
     int64_t _newest = -1;
@@ -285,11 +393,12 @@ private:
 
 bool is_close(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1.0 + std::fabs(b)); }
 
-std::string compare(const char* name, const COptVal& found, const maybe_t& wanted)
+std::string compare(const char* name, bool pf, const COptVal& found, const maybe_t& wanted)
 {
     if (!found && wanted.empty()) return "";
-    if (found && !wanted.empty() && is_close(*found, wanted[0])) return "";
     // Just below unity and just above are neighbours, and a sum may come out on either side.
+    const auto scaled = [&](double value) { return pf ? on_scale(value) : value; };
+    if (found && !wanted.empty() && is_close(scaled(*found), scaled(wanted[0]))) return "";
     std::ostringstream text;
     text.precision(17);
     text << " " << name << " ";
@@ -334,7 +443,11 @@ public:
             _device._params.push_back(param);
         }
         _device._path = "pump";
-        _expected = std::make_unique<expected_t>(_device._params);
+        if (pick(3) == 0) _options._late = LATE_MERGE;
+        _options._merge_every_ms = MINUTE;
+        const auto kept = static_cast<int64_t>(_options._periods[0]._max_entries);
+        _expected =
+            std::make_unique<expected_t>(_device._params, _options._late == LATE_MERGE ? kept : 0);
         _true_wall = START + PIECE * static_cast<int64_t>(pick(3 * 3600 * 4));
     }
 
@@ -350,8 +463,9 @@ public:
         // In the end the clock is right, and all that is closed is committed.
         trust();
         make_right();
-        if (_recorder->flush() != 0) fail("the last flush");
         _expected->pass(line());
+        _expected->look(_clock._monotonic);
+        if (_recorder->flush() != 0) fail("the last flush");
         note_commit(true);
         check_file();
         if (_recorder->close() != 0) fail("close");
@@ -397,6 +511,7 @@ private:
             fail("start");
         _params = handles._params;
         _expected->start(line(), _stamped);
+        _expected->look(_clock._monotonic);
         _commits = 0;
         _meter = 0.0;
     }
@@ -409,7 +524,7 @@ private:
         set_clock();
         const int64_t moved = -_line_error;
         const int64_t half = moved < 0 ? -MINUTE / 2 : MINUTE / 2;
-        _expected->move((moved + half) / MINUTE * MINUTE);
+        _expected->move((moved + half) / MINUTE * MINUTE, _clock._monotonic);
         _line_error = 0;
         _stamped = true;
         tick();
@@ -429,6 +544,7 @@ private:
     {
         if (_recorder->tick() != 0) fail("tick");
         _expected->pass(line());
+        _expected->look(_clock._monotonic);
         note_commit(false);
     }
 
@@ -437,6 +553,11 @@ private:
         const uint64_t commits = _recorder->stats()._commits;
         if (commits != _commits || flushed) _expected->commit();
         _commits = commits;
+        const size_t late = _recorder->stats()._late_rows;
+        if (late == 0) _expected->merge();
+        if (late != _expected->late_rows())
+            fail(std::to_string(late) + " late rows instead of " +
+                 std::to_string(_expected->late_rows()));
     }
 
     void push()
@@ -456,6 +577,8 @@ private:
             const int64_t over = line() % MINUTE;
             ago = over % PIECE == 0 ? over : ago;
         }
+        if (_options._late == LATE_MERGE && pick(5) == 0)
+            ago = PIECE * static_cast<int64_t>(pick(8000));
         const int64_t moment = _clock._wall - ago;
         const bool expected = _expected->take(number, value, line() - ago);
         const int result = _recorder->push(_params[number], value, moment);
@@ -481,11 +604,14 @@ private:
         } else if (what < 84) {
             if (_recorder->flush() != 0 && _stamped) fail("flush");
             _expected->pass(line());
+            _expected->look(_clock._monotonic);
             if (_stamped) note_commit(true);
         } else if (what < 87) {  // a clean stop
             if (_recorder->close() != 0 && _stamped) fail("close");
+            _expected->end_late();
             _expected->pass(line());
             if (_stamped) _expected->commit();
+            _expected->merge();
             pass(PIECE * static_cast<int64_t>(1 + pick(3'000)));
             start();
         } else if (what < 90) {  // killed
@@ -555,27 +681,31 @@ private:
         // All that is kept is there, without a hole.
         auto last = rows.rbegin();
         const size_t there = std::min(kept, wanted.size());
-        for (size_t i = 0; i < there; ++i, ++last)
-            if (last == rows.rend() ||
-                int64_t{last->_time} * 1000 !=
-                    wanted.rbegin()->first - static_cast<int64_t>(i) * length)
+        for (size_t i = 0; i < there; ++i) {
+            const int64_t end = wanted.rbegin()->first - static_cast<int64_t>(i) * length;
+            if (last != rows.rend() && int64_t{last->_time} * 1000 == end)
+                ++last;
+            else if (!_expected->is_open(end, length))
                 return fail(table + "no row " + std::to_string(i) + " before the newest");
+        }
         for (const CSnapshot& row : rows) {
             const std::string name = table + "row " + std::to_string(row._time) + ":";
             const auto found = wanted.find(int64_t{row._time} * 1000);
             if (found == wanted.end()) return fail(name + " not expected");
+            if (_expected->is_open(found->first, length)) continue;
             if (!is_close(row._percent_valid, found->second._percent_valid))
                 return fail(name + " percent " + std::to_string(row._percent_valid) +
                             " instead of " + std::to_string(found->second._percent_valid));
             for (size_t i = 0; i < row._samples.size(); ++i) {
                 const cell_t& cell = found->second._cells[i];
                 const CSample& sample = row._samples[i];
-                std::string wrong = compare("min", sample._min, cell._min) +
-                                    compare("max", sample._max, cell._max) +
-                                    compare("avg", sample._avg, cell._avg) +
-                                    compare("sum", sample._sum, cell._sum);
+                const bool pf = _device._params[i]._kind == READING_POWER_FACTOR;
+                std::string wrong = compare("min", pf, sample._min, cell._min) +
+                                    compare("max", pf, sample._max, cell._max) +
+                                    compare("avg", pf, sample._avg, cell._avg) +
+                                    compare("sum", pf, sample._sum, cell._sum);
                 // Of a coarse row it is one that an extreme decides upon.
-                if (length == MINUTE) wrong += compare("actual", sample._actual, cell._actual);
+                if (length == MINUTE) wrong += compare("actual", pf, sample._actual, cell._actual);
                 if (!wrong.empty()) return fail(name + " " + _device._params[i]._path + wrong);
             }
         }

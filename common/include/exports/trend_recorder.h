@@ -23,15 +23,17 @@ namespace toolkit::trend {
 enum notice_t : int {
     NOTICE_NONE = 0,  // nothing to tell: the result of a call that has done all
     // Refused, one reading or snapshot
-    NOTICE_LATE,        // at or before what has been closed, or before the parameter's last reading
-    NOTICE_FUTURE,      // further ahead of the clock than `_max_ahead_ms`
-    NOTICE_DUPLICATE,   // of a moment that the parameter has, or a time that the device has
-    NOTICE_NOT_FINITE,  // NaN or infinite, a percent_valid included
+    NOTICE_LATE,           // at or before what has been closed, or before the parameter's last
+                           // reading; also late rows that could not be merged
+    NOTICE_FUTURE,         // further ahead of the clock than `_max_ahead_ms`
+    NOTICE_DUPLICATE,      // of a moment that the parameter has, or a time that the device has
+    NOTICE_NOT_FINITE,     // NaN or infinite, a percent_valid included
     NOTICE_OUT_OF_LIMITS,  // beyond the limits of the parameter, or a counter that rose too fast
     NOTICE_OFF_GRID,       // a snapshot whose time is no boundary of the finest period
     NOTICE_UNKNOWN,        // no such handle, or one that is fed in the other way
     // Lost
-    NOTICE_OVERFLOW,    // a row, the oldest one, given up because `_max_bytes` are full
+    NOTICE_OVERFLOW,    // a row, the oldest one, given up because `_max_bytes` are full; or a late
+                        // one because `_late_bytes` are
     NOTICE_REJECTED,    // a row that another writer's newer row kept out of the file
     NOTICE_GAP,         // the increment of a counter over more than its longest gap
     NOTICE_UNFINISHED,  // readings of an interval that was still open at close()
@@ -44,6 +46,7 @@ enum notice_t : int {
     NOTICE_MISUSE,   // a call that the recorder cannot serve; nothing has been done
     NOTICE_CLOCK,    // the clock stepped, became trusted, or is not believed
     NOTICE_REBUILD,  // what the next step of attach() costs, or what is kept as the file has it
+    NOTICE_MERGED,   // late rows are stored
     NOTICE_LISTEND   // end marker, not a notice
 };
 
@@ -136,6 +139,13 @@ public:
 // What the recorder tells, in one line without its newline. `line` is valid during the call.
 using recorder_tell_t = std::function<void(notice_t notice, const char* line)>;
 
+// What becomes of readings and rows of times that are closed.
+enum late_t : int {
+    LATE_REFUSE = 0,  // they are refused, NOTICE_LATE
+    LATE_MERGE,       // they are kept aside, and take the place of blank rows
+    LATE_LISTEND      // end marker, not a choice
+};
+
 struct CRecorderOptions {
     // The file ----------------------------------------------------------------------------------
 
@@ -178,6 +188,28 @@ struct CRecorderOptions {
     // in which commits fail. When it is full the oldest row is given up.
     size_t _max_bytes = 4 << 20;
 
+    // What comes late ---------------------------------------------------------------------------
+
+    // With LATE_MERGE what comes late is kept aside and merged as by rebuild() of trend_repair.h: a
+    // row takes the place of a blank one or of none, and the coarse rows are made anew. Left out,
+    // NOTICE_LATE, is one that meets a row with values, that is older than the device's first row,
+    // or that the finest period keeps no longer. Late readings of a device become rows as others
+    // do, in ascending order and beside the open interval. One that is older than the late interval
+    // before begins anew: what is held ends there, and a counter has a baseline. Costs
+    // `_late_bytes`, and each parameter's memory twice.
+    late_t _late = LATE_REFUSE;
+
+    // How long late rows are collected before tick() merges them, from the first one on, 0 or more;
+    // the open late interval ends when nothing has come late for as long. It is what a power cut or
+    // a crash may take of them. Each time reads a group of the coarsest period, of each device that
+    // has late rows, and writes its coarse rows: of a day some 20 ms on a desktop computer.
+    int64_t _merge_every_ms = 600'000;
+
+    // How much memory late rows take that have not been merged, at least one row of every device.
+    // As with `_max_bytes`; it is reserved with LATE_MERGE only. To merge them takes some ten times
+    // that of 500 rows for the moment.
+    size_t _late_bytes = 1 << 20;
+
     // The clock ---------------------------------------------------------------------------------
 
     // Null: the system's, which is trusted from 2024-01-01 on. It must outlive the recorder.
@@ -214,6 +246,9 @@ struct CRecorderStats {
     uint64_t _clock_steps = 0;               // of a second or more, either way
     size_t _pending_rows = 0;                // closed and not committed
     size_t _pending_bytes = 0;               // the memory that they take
+    uint64_t _merged = 0;                    // late rows stored, in `_rows` not
+    size_t _late_rows = 0;                   // kept aside and not merged
+    size_t _late_bytes = 0;                  // the memory that they take
     time_t _newest_committed = -1;           // the time of the newest row, -1 before the first one
     int64_t _slowest_commit_ms = 0;          // by the monotonic clock
 };

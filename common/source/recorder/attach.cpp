@@ -85,6 +85,7 @@ int CRecorder::CImpl::attach(const CRecorderDevice& wanted, CRecorderHandles& ha
 
     plan_t plan;
     _params.reserve(_params.size() + wanted._params.size());
+    if (merges()) _late_params.reserve(_params.size() + wanted._params.size());
     handles._params.resize(wanted._params.size());
     const int failed = in_transaction([&] {
         if (const int wrong = find_device(wanted, plan)) return wrong;
@@ -100,13 +101,14 @@ int CRecorder::CImpl::attach(const CRecorderDevice& wanted, CRecorderHandles& ha
     for (size_t i = 0; i < plan._built_params.size(); ++i) {
         handles._params[i] = static_cast<recorder_handle_t>(_params.size());
         _params.push_back(plan._built_params[i]);
+        if (merges()) _late_params.push_back(plan._built_params[i]);
     }
     _devices.push_back(std::move(plan._built));
     device_t& device = _devices.back();
     const int64_t now = _time.present();
     int64_t start = std::max<int64_t>(now - 1, 0) / _step * _step;
     if (_time.is_stamped()) start = std::max(start, device._found * MS_PER_SECOND);
-    begin_interval(device, start);
+    begin_interval(device, device._open, start);
     return 0;
 }
 
@@ -255,8 +257,12 @@ int CRecorder::CImpl::build_device(const CRecorderDevice& wanted, plan_t& plan)
     if (words > _queue->capacity())
         return tell(NOTICE_MISUSE, "'%s': _max_bytes are too few for a row of every device", path);
     _queue->prepare(device._num_values);
+    if (_late && CRowQueue::words(device._num_values) > _late->capacity())
+        return tell(NOTICE_MISUSE, "'%s': _late_bytes are too few for a row", path);
+    if (_late) _late->prepare(device._num_values);
     _values.resize(std::max(_values.size(), device._num_values));
     _row._samples.reserve(plan._params.size());
+    _blank._samples.reserve(plan._params.size());
 
     plan._built_params.clear();
     for (const CRecorderParam& wanted_param : wanted._params) {

@@ -12,7 +12,6 @@ namespace toolkit::trend {
 namespace {
 
 constexpr int64_t FIRST_PAUSE = 1000;
-constexpr int64_t LONGEST_PAUSE = 60000;
 
 time_t seconds(int64_t time) { return static_cast<time_t>(time); }
 
@@ -23,7 +22,7 @@ time_t seconds(int64_t time) { return static_cast<time_t>(time); }
 bool CRecorder::CImpl::is_due(const device_t& device) const
 {
     return !device._ready && device._latest >= 0 &&
-           device._start / MS_PER_SECOND - device._latest >= _step / MS_PER_SECOND;
+           device._open._start / MS_PER_SECOND - device._latest >= _step / MS_PER_SECOND;
 }
 
 bool CRecorder::CImpl::is_anything_due() const
@@ -58,14 +57,18 @@ int CRecorder::CImpl::commit(bool at_once)
     return 0;
 }
 
+const char* CRecorder::CImpl::reason(notice_t notice)
+{
+    return notice == NOTICE_BUSY   ? "another process is writing the file"
+           : notice == NOTICE_FULL ? "the disk is full"
+                                   : "the log has refused the commit";
+}
+
 int CRecorder::CImpl::failed_commit(notice_t notice, int64_t now)
 {
     _pause = std::clamp(_pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
     _next_try = now + _pause;
-    const char* why = notice == NOTICE_BUSY   ? "another process is writing the file"
-                      : notice == NOTICE_FULL ? "the disk is full"
-                                              : "the log has refused the commit";
-    return tell(notice, "%s: %zu rows wait, the next attempt is in %" PRId64 " ms", why,
+    return tell(notice, "%s: %zu rows wait, the next attempt is in %" PRId64 " ms", reason(notice),
                 _queue->size(), _pause);
 }
 
@@ -117,7 +120,7 @@ int CRecorder::CImpl::store_rows(const device_t* only)
 
     for (device_t& device : _devices) {
         if ((only && only != &device) || !is_due(device)) continue;
-        const int64_t closed = device._start / MS_PER_SECOND;
+        const int64_t closed = device._open._start / MS_PER_SECOND;
         if (_log->fill_blank_values(device._data._device, seconds(closed), false) != 0) return -1;
         device._latest = closed;
     }
@@ -140,9 +143,17 @@ int CRecorder::CImpl::check_periods()
 
 int CRecorder::CImpl::store_row(device_t& device, const queued_row_t& row)
 {
-    const int64_t time = row._time / MS_PER_SECOND;
+    // Stored by a commit in doubt, or too late.
+    if (row._time / MS_PER_SECOND <= device._latest) return 0;
+    read_row(device, row, _row);
+    return store_snapshot(device, _row);
+}
+
+// A row that is newer than all that are stored.
+int CRecorder::CImpl::store_snapshot(device_t& device, const CSnapshot& snapshot)
+{
+    const int64_t time = int64_t{snapshot._time};
     const int64_t step = _step / MS_PER_SECOND;
-    if (time <= device._latest) return 0;  // stored by a commit in doubt, or too late
     if (device._latest < 0)
         if (const int failed = seed(device, time)) return failed;
     if (device._latest >= 0 && time - device._latest > step)
@@ -150,18 +161,23 @@ int CRecorder::CImpl::store_row(device_t& device, const queued_row_t& row)
                 _log->fill_blank_values(device._data._device, seconds(time - step), false))
             return failed;
 
-    _row._time = seconds(time);
-    _row._percent_valid = row._percent_valid;
-    _row._samples.clear();
+    if (const int failed = _log->add_trend_data(device._data, snapshot)) return failed;
+    device._latest = time;
+    return 0;
+}
+
+void CRecorder::CImpl::read_row(const device_t& device, const queued_row_t& row,
+                                CSnapshot& snapshot) const
+{
+    snapshot._time = seconds(row._time / MS_PER_SECOND);
+    snapshot._percent_valid = row._percent_valid;
+    snapshot._samples.clear();
     const double* value = row._values;
     for (const CParamProperties& param : device._data._params) {
-        CSample& sample = _row._samples.emplace_back();
+        CSample& sample = snapshot._samples.emplace_back();
         for (const aggregate_t& aggregate : AGGREGATES)
             if (param.*aggregate._kept) (sample.*aggregate._value)._val = *value++;
     }
-    if (const int failed = _log->add_trend_data(device._data, _row)) return failed;
-    device._latest = time;
-    return 0;
 }
 
 // The first row of a device comes after a blank one just behind the boundary of the coarsest
@@ -172,10 +188,10 @@ int CRecorder::CImpl::seed(device_t& device, int64_t time)
         CLog::previous_interval_boundary(_periods.back()._period, seconds(time - 1));
     const int64_t first = int64_t{boundary} + _step / MS_PER_SECOND;
     if (first >= time) return 0;
-    _row._time = seconds(first);
-    _row._percent_valid = 0.0;
-    _row._samples.assign(device._data._params.size(), CSample());
-    if (const int failed = _log->add_trend_data(device._data, _row)) return failed;
+    _blank._time = seconds(first);
+    _blank._percent_valid = 0.0;
+    _blank._samples.assign(device._data._params.size(), CSample());
+    if (const int failed = _log->add_trend_data(device._data, _blank)) return failed;
     device._latest = first;
     return 0;
 }
@@ -190,7 +206,9 @@ void CRecorder::CImpl::settle_rows(const device_t* only)
         const bool was_there = time <= device._found;
         const bool by_us = device._attempted >= 0 && device._attempted <= device._found &&
                            time <= device._attempted;
-        if (was_there && !by_us)
+        if (was_there && !by_us && merges())
+            enqueue(*_late, row);
+        else if (was_there && !by_us)
             tell(NOTICE_REJECTED, "'%s': the row of %" PRId64 " is older than that of %" PRId64,
                  device._data._device._path.c_str(), time, device._found);
         else

@@ -17,6 +17,8 @@ int64_t end_of(int64_t moment, int64_t step)
     return std::max((moment + step - 1) / step * step, step);
 }
 
+int64_t start_of(int64_t moment, int64_t step) { return end_of(moment, step) - step; }
+
 bool is_within(const COptVal& value, double lowest, double highest)
 {
     return !value || (*value >= lowest && *value <= highest);
@@ -24,11 +26,14 @@ bool is_within(const COptVal& value, double lowest, double highest)
 
 }  // namespace
 
+size_t CRecorder::CImpl::number_of(const parameter_t& param) const
+{
+    return static_cast<size_t>(&param - _params.data()) - _devices[param._device]._first;
+}
+
 const tk_string& CRecorder::CImpl::path_of(const parameter_t& param) const
 {
-    const device_t& device = _devices[param._device];
-    const auto number = static_cast<size_t>(&param - _params.data()) - device._first;
-    return device._data._params[number]._path;
+    return _devices[param._device]._data._params[number_of(param)]._path;
 }
 
 // Readings -------------------------------------------------------------------------------------
@@ -63,14 +68,28 @@ int CRecorder::CImpl::take(parameter_t& param, double value, int64_t moment)
     if (value < param._lowest || value > param._highest)
         return tell(NOTICE_OUT_OF_LIMITS, "'%s': %g is not within %g and %g",
                     path_of(param).c_str(), value, param._lowest, param._highest);
+    if (moment <= device._open._start && is_kept_aside(moment)) {
+        if (!device._has_late || moment <= device._late._start) begin_late(device, moment);
+        device._late_taken = _time.monotonic();
+        return take(device, device._late, number_of(param), value, moment);
+    }
+    return take(device, device._open, number_of(param), value, moment);
+}
+
+// A reading that is right by itself; whether it follows on the others of the feed is not known.
+int CRecorder::CImpl::take(device_t& device, feed_t& feed, size_t number, double value,
+                           int64_t moment)
+{
+    parameter_t& param = param_of(device, feed, number);
+    const tk_string& path = device._data._params[number]._path;
     const bool is_total = param._kind == READING_TOTAL;
     if (!is_total && moment == param._last)
-        return tell(NOTICE_DUPLICATE, "'%s': a second reading of the moment %" PRId64,
-                    path_of(param).c_str(), moment);
-    if (moment <= device._start || (!is_total && moment < param._last))
+        return tell(NOTICE_DUPLICATE, "'%s': a second reading of the moment %" PRId64, path.c_str(),
+                    moment);
+    if (moment <= feed._start || (!is_total && moment < param._last))
         return tell(NOTICE_LATE, "'%s': the moment %" PRId64 " is %" PRId64 " ms late",
-                    path_of(param).c_str(), moment,
-                    std::max(device._start, is_total ? device._start : param._last) - moment);
+                    path.c_str(), moment,
+                    std::max(feed._start, is_total ? feed._start : param._last) - moment);
 
     // Judged before anything changes, since it may be refused.
     parameter_t::step_t step = parameter_t::STEP_START;
@@ -78,10 +97,10 @@ int CRecorder::CImpl::take(parameter_t& param, double value, int64_t moment)
         step = param.step_of(value, moment);
         if (step == parameter_t::STEP_JUMP)
             return tell(NOTICE_OUT_OF_LIMITS, "'%s': rises by %g within %" PRId64 " ms",
-                        path_of(param).c_str(), value - param._value, moment - param._last);
+                        path.c_str(), value - param._value, moment - param._last);
     }
 
-    if (moment > device._end) close_until(device, moment);
+    if (moment > feed._end) close_until(device, feed, moment);
     switch (param._kind) {
         case READING_TOTAL:
             param.take_total(value);
@@ -89,73 +108,86 @@ int CRecorder::CImpl::take(parameter_t& param, double value, int64_t moment)
         case READING_COUNTER:
             if (step == parameter_t::STEP_RESET) ++_stats._resets;
             if (step == parameter_t::STEP_GAP)
-                tell(NOTICE_GAP, "'%s': an increment of %g over %" PRId64 " ms",
-                     path_of(param).c_str(), value - param._value, moment - param._last);
-            param.take_counter(step, value, moment, device._known);
+                tell(NOTICE_GAP, "'%s': an increment of %g over %" PRId64 " ms", path.c_str(),
+                     value - param._value, moment - param._last);
+            param.take_counter(step, value, moment, feed._known);
             break;
         default:
-            param.take_gauge(value, moment, device._known);
+            param.take_gauge(value, moment, feed._known);
     }
-    ++device._readings;
+    ++feed._readings;
     ++_stats._readings;
     return NOTICE_NONE;
 }
 
 // Intervals ------------------------------------------------------------------------------------
 
-int64_t CRecorder::CImpl::held_until(const device_t& device) const
+const parameter_t& CRecorder::CImpl::param_of(const device_t& device, const feed_t& feed,
+                                              size_t number) const
+{
+    return (feed._is_late ? _late_params : _params)[device._first + number];
+}
+
+parameter_t& CRecorder::CImpl::param_of(const device_t& device, const feed_t& feed, size_t number)
+{
+    return (feed._is_late ? _late_params : _params)[device._first + number];
+}
+
+int64_t CRecorder::CImpl::held_until(const device_t& device, const feed_t& feed) const
 {
     int64_t until = NO_MOMENT;
     for (size_t i = 0; i < device._data._params.size(); ++i) {
-        const parameter_t& param = _params[device._first + i];
+        const parameter_t& param = param_of(device, feed, i);
         if (param.is_gauge()) until = std::max(until, param.known_until());
     }
     return until;
 }
 
-void CRecorder::CImpl::begin_interval(device_t& device, int64_t start)
+void CRecorder::CImpl::begin_interval(const device_t& device, feed_t& feed, int64_t start)
 {
-    device._start = start;
-    device._end = start + _step;
-    device._readings = 0;
-    device._known.begin(device._start, device._end);
+    feed._start = start;
+    feed._end = start + _step;
+    feed._readings = 0;
+    feed._known.begin(feed._start, feed._end);
     for (size_t i = 0; i < device._data._params.size(); ++i)
-        _params[device._first + i].begin(start, device._known);
+        param_of(device, feed, i).begin(start, feed._known);
 }
 
 // Closes what ends before the moment.
-void CRecorder::CImpl::close_until(device_t& device, int64_t moment)
+void CRecorder::CImpl::close_until(device_t& device, feed_t& feed, int64_t moment)
 {
-    while (moment > device._end) {
-        close_interval(device);
+    while (moment > feed._end) {
+        close_interval(device, feed);
         // Nothing holds any longer: what follows is blank, and needs no row to say so.
-        const bool blank = held_until(device) <= device._end;
-        begin_interval(device, blank ? end_of(moment, _step) - _step : device._end);
+        const bool blank = held_until(device, feed) <= feed._end;
+        begin_interval(device, feed, blank ? start_of(moment, _step) : feed._end);
     }
 }
 
-void CRecorder::CImpl::close_interval(device_t& device)
+void CRecorder::CImpl::close_interval(device_t& device, feed_t& feed)
 {
     bool seen = false;
     for (size_t i = 0; i < device._data._params.size(); ++i) {
-        parameter_t& param = _params[device._first + i];
-        param.advance(device._end);
+        parameter_t& param = param_of(device, feed, i);
+        param.advance(feed._end);
         device._snapshot._samples[i] = param.sample();
         seen = seen || param._seen || param._has_sum;
     }
     if (!seen) return;
-    device._snapshot._percent_valid = percent_valid(device, device._end);
-    enqueue(device, device._end, device._snapshot);
+    device._snapshot._percent_valid = percent_valid(device, feed, feed._end);
+    enqueue(feed._is_late ? *_late : *_queue, device, feed._end, device._snapshot);
 }
 
-double CRecorder::CImpl::percent_valid(const device_t& device, int64_t now) const
+double CRecorder::CImpl::percent_valid(const device_t& device, const feed_t& feed,
+                                       int64_t now) const
 {
-    if (device._has_totals_only) return device._readings > 0 ? 100.0 : 0.0;
-    const int64_t known = std::max<int64_t>(device._known.known(now), 0);
+    if (device._has_totals_only) return feed._readings > 0 ? 100.0 : 0.0;
+    const int64_t known = std::max<int64_t>(feed._known.known(now), 0);
     return 100.0 * static_cast<double>(known) / static_cast<double>(_step);
 }
 
-void CRecorder::CImpl::enqueue(const device_t& device, int64_t time, const CSnapshot& snapshot)
+void CRecorder::CImpl::enqueue(CRowQueue& queue, const device_t& device, int64_t time,
+                               const CSnapshot& snapshot)
 {
     size_t n = 0;
     for (size_t i = 0; i < device._data._params.size(); ++i)
@@ -163,18 +195,26 @@ void CRecorder::CImpl::enqueue(const device_t& device, int64_t time, const CSnap
             if (device._data._params[i].*aggregate._kept)
                 _values[n++] = (snapshot._samples[i].*aggregate._value)._val;
 
-    while (!_queue->has_room(n)) {
-        const queued_row_t oldest = _queue->pop();
-        tell(NOTICE_OVERFLOW, "'%s': the row of %" PRId64 " is given up",
-             _devices[oldest._device]._data._device._path.c_str(), oldest._time / MS_PER_SECOND);
-    }
     queued_row_t row;
     row._device = static_cast<uint32_t>(&device - _devices.data());
     row._time = time;
     row._percent_valid = snapshot._percent_valid;
     row._values = _values.data();
     row._num_values = n;
-    _queue->push(row);
+    enqueue(queue, row);
+}
+
+void CRecorder::CImpl::enqueue(CRowQueue& queue, const queued_row_t& row)
+{
+    const bool is_late = _late && &queue == &*_late;
+    while (!queue.has_room(row._num_values)) {
+        const queued_row_t oldest = queue.pop();
+        tell(NOTICE_OVERFLOW, "'%s': the %srow of %" PRId64 " is given up",
+             _devices[oldest._device]._data._device._path.c_str(), is_late ? "late " : "",
+             oldest._time / MS_PER_SECOND);
+    }
+    if (is_late && queue.size() == 0) _next_merge = _time.monotonic() + _options._merge_every_ms;
+    queue.push(row);
 }
 
 // Snapshots ------------------------------------------------------------------------------------
@@ -221,11 +261,16 @@ int CRecorder::CImpl::record(recorder_handle_t handle, const CSnapshot& snapshot
     const int64_t end = moment / _step * _step / MS_PER_SECOND;
     const int64_t newest = std::max(device._taken, device._latest);
     if (end == newest) return tell(NOTICE_DUPLICATE, "'%s': a second row of %" PRId64, path, end);
+    if (end < newest && is_kept_aside(end)) {
+        enqueue(*_late, device, end * MS_PER_SECOND, snapshot);
+        ++_stats._snapshots;
+        return NOTICE_NONE;
+    }
     if (end < newest || end <= 0)
         return tell(NOTICE_LATE, "'%s': the row of %" PRId64 " is older than that of %" PRId64,
                     path, end, newest);
 
-    enqueue(device, end * MS_PER_SECOND, snapshot);
+    enqueue(*_queue, device, end * MS_PER_SECOND, snapshot);
     device._taken = end;
     device._snapshot._samples = snapshot._samples;
     device._snapshot._percent_valid = percent;
@@ -246,10 +291,11 @@ int CRecorder::CImpl::get_open_interval(recorder_handle_t handle, CSnapshot& sna
         return NOTICE_NONE;
     }
 
-    const int64_t now = std::clamp(_time.present(), device._start, device._end);
+    const feed_t& open = device._open;
+    const int64_t now = std::clamp(_time.present(), open._start, open._end);
     snapshot._period = _periods[0]._period;
-    snapshot._time = static_cast<time_t>(device._end / MS_PER_SECOND);
-    snapshot._percent_valid = percent_valid(device, now);
+    snapshot._time = static_cast<time_t>(open._end / MS_PER_SECOND);
+    snapshot._percent_valid = percent_valid(device, open, now);
     snapshot._samples.clear();
     for (size_t i = 0; i < device._data._params.size(); ++i) {
         parameter_t param = _params[device._first + i];

@@ -16,12 +16,24 @@
 
 // What the recorder is made of. Readings go into the accumulators of their parameter
 // (parameter.cpp); where the clock passes the end of an interval these become a row of the queue
-// (feed.cpp, row_queue.cpp); rows go from there into the log, many at once (commit.cpp).
+// (feed.cpp, row_queue.cpp); rows go from there into the log, many at once (commit.cpp). What comes
+// late takes the same way beside, and is merged (late.cpp).
 
 namespace toolkit::trend {
 
 constexpr int64_t MS_PER_SECOND = 1000;
+constexpr int64_t LONGEST_PAUSE = 60'000;                            // after a failed commit
 constexpr int64_t LONGEST_DURATION = 10LL * 366 * 24 * 3600 * 1000;  // ten years
+
+// An interval (start, end] of a device that is fed with readings, and how much of it is known. The
+// device's parameters have measured it as far as `_readings` go.
+struct feed_t {
+    int64_t _start = 0;
+    int64_t _end = 0;
+    CCoverage _known;
+    uint64_t _readings = 0;
+    bool _is_late = false;
+};
 
 struct device_t {
     CDeviceParams _data;     // as add_trend_data() wants it
@@ -30,18 +42,19 @@ struct device_t {
     size_t _first = 0;       // its parameters begin there
     size_t _num_values = 0;  // of a row
 
-    // The open interval (start, end], of a device that is fed with readings
-    int64_t _start = 0;
-    int64_t _end = 0;
-    CCoverage _known;
+    // Of a device that is fed with readings
     bool _has_totals_only = false;
-    uint64_t _readings = 0;  // in it
+    feed_t _open;
+    feed_t _late;             // beside it, of readings that come late
+    bool _has_late = false;   // there is such an interval
+    int64_t _late_taken = 0;  // the last such reading, by the monotonic clock
 
     // In seconds, -1 for none
     int64_t _taken = -1;      // the newest ready row
     int64_t _found = -1;      // the newest row in the file, as far as it is known
     int64_t _latest = -1;     // the same with what the running commit has stored
     int64_t _attempted = -1;  // the newest row of a commit that failed at its end
+    bool _is_merge_in_doubt = false;
 };
 
 class __attribute__((visibility("hidden"))) CRecorder::CImpl {
@@ -109,13 +122,18 @@ private:
 
     // feed.cpp
     int take(parameter_t& param, double value, int64_t moment);
+    int take(device_t& device, feed_t& feed, size_t number, double value, int64_t moment);
     int judge_counter(parameter_t& param, double value, int64_t moment);
-    void close_until(device_t& device, int64_t moment);
-    void close_interval(device_t& device);
-    void begin_interval(device_t& device, int64_t start);
-    void enqueue(const device_t& device, int64_t time, const CSnapshot& snapshot);
-    int64_t held_until(const device_t& device) const;
-    double percent_valid(const device_t& device, int64_t now) const;
+    void close_until(device_t& device, feed_t& feed, int64_t moment);
+    void close_interval(device_t& device, feed_t& feed);
+    void begin_interval(const device_t& device, feed_t& feed, int64_t start);
+    void enqueue(CRowQueue& queue, const device_t& device, int64_t time, const CSnapshot& snapshot);
+    void enqueue(CRowQueue& queue, const queued_row_t& row);
+    int64_t held_until(const device_t& device, const feed_t& feed) const;
+    double percent_valid(const device_t& device, const feed_t& feed, int64_t now) const;
+    parameter_t& param_of(const device_t& device, const feed_t& feed, size_t number);
+    const parameter_t& param_of(const device_t& device, const feed_t& feed, size_t number) const;
+    size_t number_of(const parameter_t& param) const;  // of the device's
     const tk_string& path_of(const parameter_t& param) const;
 
     // ticking.cpp
@@ -132,11 +150,30 @@ private:
     int store(const device_t* only);
     int store_rows(const device_t* only);
     int store_row(device_t& device, const queued_row_t& row);
+    int store_snapshot(device_t& device, const CSnapshot& snapshot);
+    void read_row(const device_t& device, const queued_row_t& row, CSnapshot& snapshot) const;
     int seed(device_t& device, int64_t time);
     int check_periods();
     void settle_rows(const device_t* only);
     void forget_attempt(const device_t* only, bool in_doubt);
+    static const char* reason(notice_t notice);
     int failed_commit(notice_t notice, int64_t now);
+
+    // late.cpp
+    struct batch_t;
+    bool merges() const { return _options._late == LATE_MERGE; }
+    bool is_kept_aside(int64_t moment) const;
+    void begin_late(device_t& device, int64_t moment);
+    void end_late(device_t& device);
+    void end_late(int64_t idle);
+    void make_late(device_t& device);
+    int merge(bool at_once);
+    int merge_device(device_t& device);
+    int merge_batch(device_t& device, batch_t& batch);
+    int merge_rows(device_t& device, batch_t& batch);
+    int find_begin(const device_t& device, int64_t& begin);
+    int leave_out_stored(const device_t& device, batch_t& batch);
+    void settle_batch(device_t& device, const batch_t& batch);
 
     CRecorderOptions _options;
     pid_t _process = 0;
@@ -155,13 +192,17 @@ private:
 
     std::vector<device_t> _devices;
     std::vector<parameter_t> _params;
-    std::vector<double> _values;  // of one row
-    CSnapshot _row;               // that goes into the log, in memory that is there
+    std::vector<parameter_t> _late_params;  // the same ones for readings that come late
+    std::vector<double> _values;            // of one row
+    CSnapshot _row;                         // that goes into the log, in memory that is there
+    CSnapshot _blank;                       // the same for a blank one
     std::optional<CRowQueue> _queue;
+    std::optional<CRowQueue> _late;  // rows to merge
 
     int64_t _last_commit = 0;  // by the monotonic clock
     int64_t _next_try = 0;
     int64_t _pause = 0;
+    int64_t _next_merge = 0;
 
     // The own device's handles, and what it has recorded
     std::vector<recorder_handle_t> _own_params;

@@ -30,6 +30,8 @@ int CRecorder::CImpl::open(const tk_string* name, CLog* log, const CRecorderOpti
     _process = getpid();
     if (const int failed = check_options()) return failed;
     _queue.emplace(_options._max_bytes);
+    _late.reset();
+    if (merges()) _late.emplace(_options._late_bytes);
     _devices.reserve(_options._max_devices);
 
     _is_unsettled = false;
@@ -58,9 +60,11 @@ void CRecorder::CImpl::let_go()
     _periods.clear();
     _devices.clear();
     _params.clear();
+    _late_params.clear();
     _own_params.clear();
     _own_recorded.clear();
     _queue.reset();
+    _late.reset();
     _next_try = _pause = 0;
 }
 
@@ -86,6 +90,8 @@ int CRecorder::CImpl::check_options()
     if (!is_duration(options._hold_ms, 1)) wrong = "_hold_ms";
     if (!is_duration(options._max_gap_ms, 1)) wrong = "_max_gap_ms";
     if (!is_duration(options._commit_every_ms, 0)) wrong = "_commit_every_ms";
+    if (options._late < LATE_REFUSE || options._late >= LATE_LISTEND) wrong = "_late";
+    if (!is_duration(options._merge_every_ms, 0)) wrong = "_merge_every_ms";
     if (!is_duration(options._max_ahead_ms, 1)) wrong = "_max_ahead_ms";
     if (!is_duration(options._believe_after_ms, 0)) wrong = "_believe_after_ms";
     if (wrong) return tell(NOTICE_MISUSE, "the option %s is out of its range", wrong);

@@ -11,7 +11,7 @@ const char* notice_name(notice_t notice)
     static const char* const names[] = {
         "none",    "late",     "future",   "duplicate", "not_finite", "out_of_limits", "off_grid",
         "unknown", "overflow", "rejected", "gap",       "unfinished", "abandoned",     "busy",
-        "full",    "failed",   "misuse",   "clock",     "rebuild"};
+        "full",    "failed",   "misuse",   "clock",     "rebuild",    "merged"};
     static_assert(sizeof names / sizeof *names == NOTICE_LISTEND);
     TREND_ASSERT(notice>=NOTICE_NONE);
     TREND_ASSERT(notice<NOTICE_LISTEND);

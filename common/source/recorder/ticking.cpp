@@ -22,7 +22,9 @@ int CRecorder::CImpl::tick()
     look_at_clock();
     close_intervals();
     record_own_counters();
-    return commit(false);
+    end_late(_options._merge_every_ms);
+    if (const int failed = commit(false)) return failed;
+    return merge(false);
 }
 
 int CRecorder::CImpl::flush()
@@ -30,20 +32,26 @@ int CRecorder::CImpl::flush()
     if (const int failed = check_usable()) return failed;
     look_at_clock();
     close_intervals();
-    return commit(true);
+    end_late(_options._merge_every_ms);
+    if (const int failed = commit(true)) return failed;
+    return merge(true);
 }
 
 int CRecorder::CImpl::close()
 {
+    const bool usable = _log && !_in_use && !is_inherited();
+    if (usable) end_late(0);
     int failed = flush();
-    if (!_log || _in_use || is_inherited()) return failed;
-    if (_queue->size() > 0) {
-        _stats._notices[NOTICE_ABANDONED] += _queue->size() - 1;
-        failed = tell(NOTICE_ABANDONED, "%zu rows could not be committed", _queue->size());
+    if (!usable) return failed;
+    const size_t rows = _queue->size() + (_late ? _late->size() : 0);
+    if (rows > 0) {
+        _stats._notices[NOTICE_ABANDONED] += rows - 1;
+        failed = tell(NOTICE_ABANDONED, "%zu rows could not be committed", rows);
     }
     uint64_t readings = 0;
     for (const device_t& device : _devices)
-        if (_own_params.empty() || device._first != _own_params[0]) readings += device._readings;
+        if (_own_params.empty() || device._first != _own_params[0])
+            readings += device._open._readings;
     if (readings > 0) {
         _stats._notices[NOTICE_UNFINISHED] += readings - 1;
         tell(NOTICE_UNFINISHED, "%" PRIu64 " readings of open intervals", readings);
@@ -58,6 +66,10 @@ CRecorderStats CRecorder::CImpl::stats() const
     if (_queue) {
         stats._pending_rows = _queue->size();
         stats._pending_bytes = _queue->bytes();
+    }
+    if (_late) {
+        stats._late_rows = _late->size();
+        stats._late_bytes = _late->bytes();
     }
     return stats;
 }
@@ -96,19 +108,23 @@ void CRecorder::CImpl::stamp()
         param.shift(whole);
     for (device_t& device : _devices) {
         if (device._taken >= 0) device._taken += whole / MS_PER_SECOND;
-        device._known.shift(whole);
-        device._start += whole;
-        device._end += whole;
+        feed_t& open = device._open;
+        open._known.shift(whole);
+        open._start += whole;
+        open._end += whole;
         // What is stored was recorded by a clock that was ahead: it goes on from there.
-        if (!device._ready && device._start < device._found * MS_PER_SECOND)
-            begin_interval(device, device._found * MS_PER_SECOND);
+        const int64_t stored = device._found * MS_PER_SECOND;
+        if (device._ready || open._start >= stored) continue;
+        make_late(device);
+        begin_interval(device, open, stored);
     }
 }
 
 void CRecorder::CImpl::close_intervals()
 {
     for (device_t& device : _devices)
-        if (!device._ready && _time.now() > device._end) close_until(device, _time.now());
+        if (!device._ready && _time.now() > device._open._end)
+            close_until(device, device._open, _time.now());
 }
 
 void CRecorder::CImpl::record_own_counters()
@@ -116,7 +132,7 @@ void CRecorder::CImpl::record_own_counters()
     if (_own_params.empty()) return;
     const parameter_t& first = _params[_own_params[0]];
     const int64_t now = _time.now();
-    if (now <= first._last || now <= _devices[first._device]._start) return;
+    if (now <= first._last || now <= _devices[first._device]._open._start) return;
 
     const auto count = [&](std::initializer_list<notice_t> notices) {
         uint64_t sum = 0;
