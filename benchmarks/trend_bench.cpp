@@ -640,7 +640,8 @@ void add_all()
           recorder_job_t{"recorder_1x8_hour", {1, 8}, 60, false, 64},
           recorder_job_t{"recorder_1x8_readings", {1, 8}, 1, true, 64},
           recorder_job_t{"recorder_100x8_minute", {100, 8}, 1, false, brief ? 1 : 8},
-          recorder_job_t{"recorder_100x8_quarter", {100, 8}, 15, false, brief ? 1 : 8}})
+          recorder_job_t{"recorder_100x8_quarter", {100, 8}, 15, false, brief ? 1 : 8},
+          recorder_job_t{"recorder_100x8_hour", {100, 8}, 60, false, brief ? 4 : 16}})
         add(std::string(job._name) + "/library", job._iterations,
             [=](benchmark::State& state) { run_recorder(state, job); });
 

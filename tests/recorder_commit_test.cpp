@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <fstream>
 #include <string>
 #include <utility>
 
@@ -95,6 +96,83 @@ TEST_F(commits, prepare_no_statement_twice)
     }
     // But for the look whether somebody else is writing.
     EXPECT_EQ(trace.prepared(), (texts_t{"BEGIN EXCLUSIVE", "PRAGMA data_version", "ROLLBACK"}));
+}
+
+// All pages of many devices do not fit into the cache at once.
+TEST_F(commits, store_the_rows_of_one_device_after_those_of_another)
+{
+    _options._max_bytes = 7 * 32;
+    _options._commit_every_ms = 180'000;
+    open();
+    attach({gauge("u")}, "one");
+    attach({gauge("u")}, "two");
+    for (int64_t minute = 1; minute <= 6; ++minute) {  // twice around the ring
+        for (recorder_handle_t param = 0; param < 2; ++param)
+            _recorder->push(param, static_cast<double>(minute), START + minute * 60'000 - 30'000);
+        statement_trace trace;
+        EXPECT_EQ(tick_after_minute(minute), 0);
+        std::string stored;
+        for (const std::string& sql : trace.texts())
+            if (sql.rfind("INSERT INTO trends_", 0) == 0) stored += sql.substr(19, 2);
+        EXPECT_EQ(stored, minute == 3 ? "1_1_1_2_2_2_" : minute == 6 ? "1_1_1_2_2_2_" : "");
+    }
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0\n120|2.0\n180|3.0\n240|4.0\n300|5.0\n360|6.0");
+    EXPECT_EQ(rows("param_1_avg", 1, 2), rows("param_1_avg"));
+}
+
+namespace {
+
+// Bytes that this process has handed to write calls, -1 where the system does not tell.
+int64_t bytes_written()
+{
+    std::ifstream lines("/proc/self/io");
+    int64_t bytes = -1;
+    for (std::string word; lines >> word;)
+        if (word == "wchar:") lines >> bytes;
+    return bytes;
+}
+
+}  // namespace
+
+// Each commit writes the pages that it changes whole: of a quarter of an hour those are two with
+// the new rows, one with the quarter's, two that are trimmed, and what holds them together.
+TEST_F(commits, that_take_many_rows_write_less)
+{
+    const auto bytes_of = [&](int64_t every) {
+        const std::string file = std::to_string(every) + ".db";
+        _clock._wall = START + 1;
+        _options._periods = {{1, 60}, {15, 192}, {1440, 10}};
+        _options._commit_every_ms = every * 60'000;
+        CRecorderDevice device;
+        device._path = "pump";
+        device._ready = true;
+        for (int i = 0; i < 8; ++i)
+            device._params.push_back(gauge("u" + std::to_string(i), "min max avg actual"));
+        CRecorderHandles handles;
+        CRecorder recorder;
+        EXPECT_EQ(recorder.open(file, _options), 0) << told();
+        EXPECT_EQ(recorder.attach(device, handles), 0);
+        CSnapshot snapshot;
+        snapshot._percent_valid = 100.0;
+        snapshot._samples.assign(8, CSample{0.1, 0.2, 0.3, 0.4, {}});
+        int64_t before = 0;
+        for (int64_t minute = 1; minute <= 8 * 60; ++minute) {
+            _clock.pass(60'000);
+            snapshot._time = static_cast<time_t>((START + minute * 60'000) / 1000);
+            EXPECT_EQ(recorder.record(handles._device, snapshot), 0);
+            EXPECT_EQ(recorder.tick(), 0);
+            if (minute != 2 * 60) continue;  // trimming has begun
+            EXPECT_EQ(recorder.log()->checkpoint(), 0);
+            before = bytes_written();
+        }
+        EXPECT_EQ(recorder.log()->checkpoint(), 0);
+        return static_cast<double>(bytes_written() - before);
+    };
+    if (bytes_written() < 0) GTEST_SKIP() << "the system does not tell";
+    const double minute = bytes_of(1);
+    const double quarter = bytes_of(15), hour = bytes_of(60);
+    EXPECT_LT(quarter / minute, 0.40);
+    EXPECT_LT(hour / minute, 0.15);
 }
 
 TEST_F(grid, is_seeded_on_the_boundary_of_the_coarsest_period)

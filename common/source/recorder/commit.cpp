@@ -104,7 +104,7 @@ void CRecorder::CImpl::forget_attempt(const device_t* only, bool in_doubt)
 }
 
 int CRecorder::CImpl::store_rows(const device_t* only)
-{
+try {
     if (check_periods() != 0) return -1;
     for (device_t& device : _devices) {
         if (only && only != &device) continue;
@@ -112,7 +112,9 @@ int CRecorder::CImpl::store_rows(const device_t* only)
         if (_log->get_latest_timestamp(device._data._device, latest) != 0) return -1;
         device._found = device._latest = int64_t{latest};
     }
-    const int failed = _queue->visit([&](const queued_row_t& row) {
+    // Device by device: the pages of one at a time have to be in memory, or all of them would be
+    // written again and again where there are many.
+    const int failed = _queue->visit_by_device([&](const queued_row_t& row) {
         device_t& device = _devices[row._device];
         return only && only != &device ? 0 : store_row(device, row);
     });
@@ -125,6 +127,8 @@ int CRecorder::CImpl::store_rows(const device_t* only)
         device._latest = closed;
     }
     return 0;
+} catch (...) {
+    return -1;  // out of memory
 }
 
 // Filling and recording stop the process in a log without periods, and coarse rows leave the clock

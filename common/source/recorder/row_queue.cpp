@@ -61,6 +61,26 @@ queued_row_t CRowQueue::read(size_t& at)
     return row;
 }
 
+std::vector<CRowQueue::place_t> CRowQueue::places_by_device() const
+{
+    std::vector<place_t> places;
+    places.reserve(_rows);
+    size_t at = _head;
+    for (size_t i = 0; i < _rows; ++i) {
+        const uint64_t head = _words[at];
+        places.push_back({static_cast<uint32_t>(head >> 32), at});
+        at = (at + words(static_cast<size_t>(head & 0xffffffff))) % _capacity;
+    }
+    // Oldest first within a device: the ring begins at its head.
+    const auto age = [&](const place_t& place) {
+        return place._at < _head ? place._at + _capacity : place._at;
+    };
+    std::sort(places.begin(), places.end(), [&](const place_t& a, const place_t& b) {
+        return a._device != b._device ? a._device < b._device : age(a) < age(b);
+    });
+    return places;
+}
+
 uint64_t CRowQueue::get(size_t& at) const
 {
     const uint64_t word = _words[at];
