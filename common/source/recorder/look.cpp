@@ -27,12 +27,13 @@ int run(CDatabase& db, const char* sql)
 
 bool is_locked(int code) { return code == SQLITE_BUSY || code == SQLITE_LOCKED; }
 
-// Changes whenever another connection commits. -1 where it cannot be read.
+// Changes whenever another connection commits. -1 where it cannot be read, as without memory for
+// its text.
 int64_t data_version(CDatabase& db)
 {
     int64_t version = -1;
     const auto take = [](void* out, int, char** values, char**) {
-        *static_cast<int64_t*>(out) = std::strtoll(values[0], nullptr, 10);
+        if (values[0]) *static_cast<int64_t*>(out) = std::strtoll(values[0], nullptr, 10);
         return 0;
     };
     sqlite3_exec(*db, "PRAGMA data_version", take, &version, nullptr);
