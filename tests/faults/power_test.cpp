@@ -72,12 +72,15 @@ public:
     int64_t _now = 1'800'000'000'001;
 };
 
-// A recorder that commits minute by minute, from its first start to its fifth coarse row.
+// A recorder that commits minute by minute, from its first start to its fifth coarse row. Twice it
+// learns something late.
 void record_with_recorder(CLog& log, const std::function<void(int)>& acknowledge)
 {
     manual_clock clock;
     CRecorderOptions options;
     options._periods = {{1, 10}, {2, 4}, {4, 3}};
+    options._late = LATE_MERGE;
+    options._merge_every_ms = 0;
     options._clock = &clock;
     options._tell = [](notice_t, const char*) {};
     CRecorder recorder;
@@ -93,6 +96,9 @@ void record_with_recorder(CLog& log, const std::function<void(int)>& acknowledge
         clock._now += minute == 6 ? 600'000 : 60'000;  // once a gap to fill
         acknowledge(recorder.flush());
         acknowledge(recorder.push(handles._params[0], minute, clock._now));
+        if (minute != 8 && minute != 15) continue;
+        acknowledge(recorder.push(handles._params[0], 100 + minute, clock._now - 390'000));
+        acknowledge(recorder.flush());
     }
     acknowledge(recorder.close());
 }

@@ -36,16 +36,19 @@ public:
     int64_t _now = 1;
 };
 
-// A host that records two devices and commits every two minutes.
+// A host that records two devices and commits every two minutes. What it reads of two of them it
+// may learn late.
 class host_t {
 public:
-    explicit host_t(bool wal)
+    host_t(bool wal, bool late) : _is_late(late)
     {
         _options._periods = {{1, 40}, {5, 12}, {15, 8}};
         _options._wal = wal;
         _options._max_devices = DEVICES;
         _options._hold_ms = MINUTE / 2;
         _options._commit_every_ms = 2 * MINUTE;
+        _options._late = late ? LATE_MERGE : LATE_REFUSE;
+        _options._merge_every_ms = MINUTE;
         _options._clock = &_clock;
         _options._tell = [](notice_t, const char*) {};
         for (size_t i = 0; i < DEVICES; ++i) {
@@ -70,10 +73,10 @@ public:
     // Reads in the middle of the minute, and ticks when it is over.
     int record(int64_t minute)
     {
-        for (size_t i = 0; i < DEVICES; ++i)
-            if (_recorder.push(_handles[i]._params[0], value_of(i, minute),
-                               START + minute * MINUTE - MINUTE / 2) != 0)
-                return -1;
+        if (!_is_late || (minute != 4 && minute != 5)) {
+            if (read(minute) != 0) return -1;
+        }
+        if (_is_late && minute == 6 && read(4) + read(5) != 0) return -1;
         _clock._now = minute * MINUTE + 1;
         return _recorder.tick();
     }
@@ -81,6 +84,15 @@ public:
     static double value_of(size_t device, int64_t minute)
     {
         return static_cast<double>(minute) + 100.0 * static_cast<double>(device);
+    }
+
+    int read(int64_t minute)
+    {
+        int failed = 0;
+        for (size_t i = 0; i < DEVICES; ++i)
+            failed += _recorder.push(_handles[i]._params[0], value_of(i, minute),
+                                     START + minute * MINUTE - MINUTE / 2);
+        return failed;
     }
 
     CRecorder& operator*() { return _recorder; }
@@ -114,13 +126,18 @@ public:
                 return " a wrong coarse row;";
         }
         const CRecorderStats stats = _recorder.stats();
-        if (stats._rows != DEVICES * MINUTES) return " rows counted wrong;";
-        if (stats._notices[NOTICE_OVERFLOW] + stats._notices[NOTICE_REJECTED] != 0)
+        if (stats._rows != DEVICES * (_is_late ? MINUTES - 2 : MINUTES))
+            return " rows counted wrong;";
+        if (stats._merged != (_is_late ? 2 * DEVICES : 0)) return " late rows counted wrong;";
+        if (stats._notices[NOTICE_OVERFLOW] + stats._notices[NOTICE_REJECTED] +
+                stats._notices[NOTICE_LATE] !=
+            0)
             return " rows given up;";
         return "";
     }
 
 private:
+    bool _is_late;
     manual_clock _clock;
     CRecorderOptions _options;
     std::vector<CRecorderDevice> _devices;
@@ -128,17 +145,27 @@ private:
     CRecorder _recorder;
 };
 
-job_t job_of(const fault_t& fault, bool wal, bool opening)
+// Where the faults are armed.
+enum phase_t { OPENING, RECORDING, MERGING };
+
+job_t job_of(const fault_t& fault, bool wal, phase_t phase)
 {
     const size_t stride = setting("TREND_FAULTS_EVERY", 3);
     const size_t first = 1 + setting("TREND_FAULTS_SEED", 0) % stride;
     job_t job;
-    job._name = fault._name + (wal ? ", WAL" : ", journal") + (opening ? ", opening" : "");
+    const bool opening = phase == OPENING, late = phase == MERGING;
+    job._name = fault._name + (wal ? ", WAL" : ", journal") +
+                (opening ? ", opening"
+                 : late  ? ", merging"
+                         : "");
     job._take = [=](point_t& point) {
         disk::restore({});
-        host_t host(wal);
-        host_t again(wal);
+        host_t host(wal, late);
         if (!opening && host.open() != 0) throw std::runtime_error("open");
+        // Merging is what comes after what the other ones have seen.
+        int64_t minute = 1;
+        for (; late && minute <= 5; ++minute)
+            host.record(minute);
         fault._arm(first + point._n * stride);
         size_t struck = 0;
         if (opening && host.open() != 0) {
@@ -146,7 +173,6 @@ job_t job_of(const fault_t& fault, bool wal, bool opening)
             if ((*host).is_open()) (*host).close();
             if (host.open() != 0) point._failure += " the second open fails;";
         }
-        int64_t minute = 1;
         for (; minute <= 9; ++minute)
             if (!opening) host.record(minute);
         struck += fault._disarm();
@@ -168,8 +194,8 @@ void sweep(const std::vector<fault_t>& faults, const char* name, size_t goal)
     std::vector<job_t> jobs;
     for (const fault_t& fault : faults)
         for (const bool wal : {true, false})
-            for (const bool opening : {true, false})
-                jobs.push_back(job_of(fault, wal, opening));
+            for (const phase_t phase : {OPENING, RECORDING, MERGING})
+                jobs.push_back(job_of(fault, wal, phase));
     const tally_t tally = run_jobs(jobs, 60);
     std::printf("Recorder, failing %s: %zu swept, %zu failing\n", name, tally._points,
                 tally._failures.size());
@@ -220,12 +246,13 @@ TEST(recorder_faults, calls_to_the_disk_lose_no_row_and_double_none)
 TEST(recorder_faults, requests_for_memory_lose_no_row_and_double_none)
 {
     std::vector<fault_t> faults;
+    const size_t offset = setting("TREND_FAULTS_SEED", 0) % 13;
     for (const bool persistent : {false, true})
         for (const memory::source_t source : {memory::SQLITE, memory::OURS})
             faults.push_back({std::string(source == memory::OURS ? "library" : "SQLite") +
                                   (persistent ? " from" : " at"),
                               fault_t::FAILURE,
-                              [=](size_t n) { memory::arm(source, n * 13, persistent); },
+                              [=](size_t n) { memory::arm(source, n * 13 - offset, persistent); },
                               memory::disarm});
     sweep(faults, "requests for memory", 500);
 }
@@ -236,7 +263,7 @@ TEST(recorder_faults, full_disk_is_told_as_such)
     disk::restore({});
     for (const bool wal : {true, false}) {
         disk::restore({});
-        host_t host(wal);
+        host_t host(wal, false);
         ASSERT_EQ(host.open(), 0);
         EXPECT_EQ(host.record(1), 0);
         disk::leave_room(0);
