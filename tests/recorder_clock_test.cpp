@@ -217,6 +217,41 @@ TEST_F(untrusted_clock, that_was_right_all_the_time_changes_nothing)
     EXPECT_EQ(rows("percent_valid, param_1_avg, param_2_sum"), "60|50.0|5.0|1.0");
 }
 
+TEST_F(untrusted_clock, that_was_ahead_stamps_rows_earlier)
+{
+    _clock._wall = START + 10 * 60'000 + 1;
+    open();
+    attach({gauge("u")});
+    _clock.pass(29'999);
+    EXPECT_EQ(push_now(5.0), 0);
+    EXPECT_EQ(tick_after(30'001), 0);  // a minute has passed
+    _clock._wall = START + 60'001;
+    _clock._trusted = true;
+    EXPECT_EQ(tick_after(0), 0);
+    EXPECT_EQ(told(), "clock: the clock is trusted: 1 rows are stamped -600 s later\n");
+    EXPECT_EQ(rows("param_1_avg"), "60|5.0");
+}
+
+TEST_F(untrusted_clock, that_was_behind_loses_nothing_where_nothing_was_read)
+{
+    _clock._trusted = true;
+    _clock._wall = START + 1;
+    open();
+    attach({gauge("u")});
+    EXPECT_EQ(push(0, 5.0, 230'000), 0);
+    EXPECT_EQ(tick_at(240'001), 0);
+    _recorder->close();
+    _clock._trusted = false;
+    _clock._wall = 1'000;
+    open();
+    attach({gauge("u")});
+    _clock._wall = START + 122'000;
+    _clock._trusted = true;
+    told();
+    EXPECT_EQ(tick_after(0), 0);
+    EXPECT_EQ(told(), "clock: the clock is trusted: 0 rows are stamped 1800000120 s later\n");
+}
+
 TEST_F(untrusted_clock, counts_what_does_not_fit)
 {
     _options._max_bytes = 2 * 32;

@@ -491,6 +491,23 @@ TEST_F(busy_commits, are_told_when_another_process_has_written_first)
     EXPECT_EQ(rows("param_1_avg"), "60|1.0");
 }
 
+TEST_F(own_device, waits_until_the_clock_has_passed_what_is_stored)
+{
+    _options._own_device = "recorder";
+    open();
+    EXPECT_EQ(tick_at(40'000), 0);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    _recorder->close();
+    _clock._wall = START + 20'000;  // it has been set back meanwhile
+    open();
+    told();
+    EXPECT_EQ(tick_at(30'000), 0);
+    EXPECT_EQ(told(), "");
+    EXPECT_EQ(tick_at(70'000), 0);
+    EXPECT_EQ(tick_after_minute(2), 0);
+    EXPECT_EQ(rows("param_1_max"), "60|0.0\n120|0.0");
+}
+
 TEST_F(own_device, records_what_the_recorder_counts)
 {
     _options._own_device = "recorder";

@@ -239,6 +239,19 @@ TEST_F(telling, survives_a_callback_that_throws)
     EXPECT_EQ(count(NOTICE_UNKNOWN), 1);
 }
 
+TEST_F(telling, counts_what_a_callback_does_wrong_without_telling_it_again)
+{
+    int calls = 0;
+    _options._tell = [&](notice_t, const char*) {
+        ++calls;
+        EXPECT_EQ(_recorder->push(99, 1.0, 0), NOTICE_UNKNOWN);
+    };
+    open();
+    EXPECT_EQ(_recorder->push(0, 1.0, 0), NOTICE_UNKNOWN);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(count(NOTICE_UNKNOWN), 2);
+}
+
 TEST_F(telling, must_not_use_the_recorder)
 {
     int calls = 0;
@@ -362,12 +375,38 @@ TEST_F(open_interval, is_read_as_of_now)
     EXPECT_EQ(rows("percent_valid, param_1_avg, param_2_sum"), "60|50.0|6.66666666666667|3.0");
 }
 
+TEST_F(open_interval, of_totals_alone_is_not_valid_before_an_amount_came_in)
+{
+    open();
+    attach({total("t")});
+    CSnapshot snapshot;
+    EXPECT_EQ(_recorder->get_open_interval(_device, snapshot), 0);
+    EXPECT_EQ(snapshot._percent_valid, 0.0);
+    EXPECT_FALSE(snapshot._samples.at(0)._sum);
+    EXPECT_EQ(push(0, 2.0, 10'000), 0);
+    EXPECT_EQ(_recorder->get_open_interval(_device, snapshot), 0);
+    EXPECT_EQ(snapshot._percent_valid, 100.0);
+    EXPECT_EQ(*snapshot._samples[0]._sum, 2.0);
+}
+
 TEST_F(open_interval, is_unknown_without_a_device)
 {
     open();
     CSnapshot snapshot;
     EXPECT_EQ(_recorder->get_open_interval(3, snapshot), NOTICE_UNKNOWN);
     EXPECT_EQ(told(), "unknown: no device has the handle 3\n");
+}
+
+TEST_F(record_ready, refuses_a_row_that_lies_before_all_time)
+{
+    open();
+    attach_ready(gauge("u"));
+    // The clock on the wall is not believed: what it calls the second hour is the very beginning.
+    _clock._wall += 2 * _options._max_ahead_ms;
+    EXPECT_EQ(_recorder->tick(), NOTICE_NONE);
+    told();
+    EXPECT_EQ(take(7'200 - START / 1000, 1.0), NOTICE_LATE);
+    EXPECT_EQ(told(), "late: 'meter': the row of 0 is older than that of -1\n");
 }
 
 TEST_F(record_ready, shows_the_last_row_taken_as_the_open_interval)

@@ -406,6 +406,46 @@ TEST_F(merging, whose_rows_are_stored_all_the_same_counts_them_once)
     EXPECT_EQ(count(NOTICE_LATE), 1);
 }
 
+TEST_F(merging, in_doubt_knows_its_rows_by_all_that_they_hold)
+{
+    open();
+    CRecorderDevice device;
+    device._path = "meter";
+    device._params = {gauge("u", "avg actual")};
+    device._ready = true;
+    CRecorderHandles handles;
+    ASSERT_EQ(_recorder->attach(device, handles), 0);
+    _device = handles._device;
+    EXPECT_EQ(tick_at(10 * MINUTE + 1), 0);
+    EXPECT_EQ(record(1, 1.0), 0);
+    EXPECT_EQ(record(10, 1.0), 0);
+    EXPECT_EQ(_recorder->flush(), 0);
+    for (const int64_t minute : {2, 3, 4, 5, 6})
+        EXPECT_EQ(record(minute, 5.0), 0);  // the actual value is absent
+    testing::internal::CaptureStderr();
+    {
+        refuse_commit refused;
+        EXPECT_EQ(_recorder->flush(), NOTICE_FAILED);
+    }
+    testing::internal::GetCapturedStderr();
+    told();
+    // Ours, one with another value, one with one more, one without any, and none.
+    run_sql(
+        _file,
+        "UPDATE trends_1_1 SET percent_valid = 100.0, param_1_avg = 5.0 WHERE time = 1800000120;"
+        "UPDATE trends_1_1 SET percent_valid = 100.0, param_1_avg = 6.0 WHERE time = 1800000180;"
+        "UPDATE trends_1_1 SET percent_valid = 100.0, param_1_avg = 5.0, param_1_actual = 5.0 "
+        "WHERE time = 1800000240;"
+        "UPDATE trends_1_1 SET percent_valid = 100.0 WHERE time = 1800000300;"
+        "DELETE FROM trends_1_1 WHERE time = 1800000360");
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(values("param_1_avg, param_1_actual"),
+              "60|1.0|NULL\n120|5.0|NULL\n180|6.0|NULL\n240|5.0|5.0\n300|5.0|NULL\n360|5.0|NULL\n"
+              "600|1.0|NULL");
+    EXPECT_EQ(_recorder->stats()._merged, 3U);
+    EXPECT_EQ(count(NOTICE_LATE), 2);
+}
+
 TEST_F(merging, of_one_device_does_not_keep_the_others_out)
 {
     open();

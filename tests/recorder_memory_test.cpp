@@ -59,6 +59,26 @@ TEST_F(recorder_memory, is_not_asked_for_by_readings_rows_and_ticks)
     EXPECT_EQ(_recorder->flush(), 0);
 }
 
+TEST_F(recorder_memory, is_not_asked_for_by_what_comes_late)
+{
+    _options._late = LATE_MERGE;
+    _options._late_bytes = 4'000;
+    open();
+    attach({gauge("u", "min max avg actual"), counter("n"), total("t")});
+    ASSERT_EQ(tick_at(7'200'000), 0);
+    EXPECT_EQ(allocations::in([&] {
+                  for (int64_t second = 1; second < 7'000; ++second)
+                      for (size_t i = 0; i < 3; ++i)
+                          push(i, 0.5, second * 1'000);
+                  for (int64_t second = 7'000; second > 60; second -= 60)
+                      push(0, 0.5, second * 1'000);
+              }),
+              0U);
+    EXPECT_GT(count(NOTICE_OVERFLOW), 100);
+    EXPECT_EQ(count(NOTICE_LATE), 0);
+    EXPECT_EQ(_recorder->flush(), 0);
+}
+
 TEST_F(recorder_memory, that_runs_out_is_said)
 {
     const auto fail_open = [&](size_t n) {
@@ -102,6 +122,8 @@ TEST_F(recorder_memory, that_runs_out_anywhere_loses_nothing)
             std::remove((_file + end).c_str());
         _clock._wall = START + 1;
         _options._commit_every_ms = 0;
+        _options._late = LATE_MERGE;
+        _options._merge_every_ms = 0;
 
         testing::internal::CaptureStderr();
         bool reached = false;
@@ -120,7 +142,8 @@ TEST_F(recorder_memory, that_runs_out_anywhere_loses_nothing)
             }
             _params = handles._params;
             for (int64_t minute = 1; minute <= 16; ++minute) {
-                push(0, static_cast<double>(minute), minute * 60'000 - 20'000);
+                if (minute != 4) push(0, static_cast<double>(minute), minute * 60'000 - 20'000);
+                if (minute == 6) push(0, 4.0, 220'000);
                 tick_at(minute * 60'000 + 1);
             }
             reached = failing.reached();
@@ -130,7 +153,8 @@ TEST_F(recorder_memory, that_runs_out_anywhere_loses_nothing)
         testing::internal::GetCapturedStderr();
         ASSERT_EQ(rows("param_1_avg", 15), "900|8.0") << "request " << n;
         ASSERT_EQ(::rows(_file, "SELECT count(*), sum(param_1_avg) FROM trends_1_1"), "16|136.0");
-        ASSERT_EQ(_recorder->stats()._rows, 16U);
+        ASSERT_EQ(_recorder->stats()._rows, 15U);
+        ASSERT_EQ(_recorder->stats()._merged, 1U);
         _recorder.reset();
         if (!reached) break;
     }

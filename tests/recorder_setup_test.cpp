@@ -101,6 +101,8 @@ TEST_F(opening, refuses_periods_that_leave_the_clock)
 {
     _options._periods = {{1, 60}, {15, 100}, {20, 100}};
     expect_refused("the period of 20 minutes is no multiple, at least twice, of that of 15");
+    _options._periods = {{2, 60}, {5, 100}};
+    expect_refused("the period of 5 minutes is no multiple, at least twice, of that of 2");
     _options._periods = {{15, 60}, {1, 100}};
     expect_refused("the period of 1 minutes is no multiple, at least twice, of that of 15");
     _options._periods = {{1, 29}, {15, 100}};
@@ -124,6 +126,8 @@ TEST_F(opening, refuses_options_out_of_their_range)
         };
     };
     _options._max_devices = 0;
+    refused("_max_devices");
+    _options._max_devices = 1'000'001;
     refused("_max_devices");
     _options._hold_ms = 0;
     refused("_hold_ms");

@@ -19,9 +19,9 @@ int64_t end_of(int64_t moment, int64_t step)
 
 int64_t start_of(int64_t moment, int64_t step) { return end_of(moment, step) - step; }
 
-bool is_within(const COptVal& value, double lowest, double highest)
+bool is_within(double value, double lowest, double highest)
 {
-    return !value || (*value >= lowest && *value <= highest);
+    return value >= lowest && value <= highest;
 }
 
 }  // namespace
@@ -245,7 +245,7 @@ int CRecorder::CImpl::record(recorder_handle_t handle, const CSnapshot& snapshot
                 return tell(NOTICE_NOT_FINITE, "'%s': a value of '%s' that is infinite", path,
                             path_of(param).c_str());
             if (aggregate._kept != &CParamProperties::_has_sum &&
-                !is_within(value, param._lowest, param._highest))
+                !is_within(*value, param._lowest, param._highest))
                 return tell(NOTICE_OUT_OF_LIMITS, "'%s': %g is not within %g and %g",
                             path_of(param).c_str(), *value, param._lowest, param._highest);
         }

@@ -104,16 +104,16 @@ int CRecorder::CImpl::judge_periods(const std::vector<CPeriodProperties>& period
     for (size_t i = 0; i < periods.size(); ++i) {
         const unsigned long length = periods[i]._period;
         if (!is_storable(length)) return tell(NOTICE_MISUSE, "a period of %lu minutes", length);
-        if (i + 1 == periods.size()) break;
-        const unsigned long next = periods[i + 1]._period;
-        if (next / length < 2 || next % length != 0)
+        if (i == 0) continue;
+        const unsigned long finer = periods[i - 1]._period, ratio = length / finer;
+        if (ratio < 2 || length % finer != 0)
             return tell(NOTICE_MISUSE,
                         "the period of %lu minutes is no multiple, at least twice, of that of %lu",
-                        next, length);
-        if (periods[i]._max_entries / 2 < next / length)
+                        length, finer);
+        if (periods[i - 1]._max_entries / 2 < ratio)
             return tell(NOTICE_MISUSE,
                         "the period of %lu minutes keeps %zu rows, less than two groups of %lu",
-                        length, periods[i]._max_entries, next / length);
+                        finer, periods[i - 1]._max_entries, ratio);
     }
     const auto keeps_none = [](const CPeriodProperties& period) {
         return !is_storable(period._max_entries);
