@@ -463,7 +463,7 @@ public:
 
     void after_step(sqlite3_stmt* stmt, int) override
     {
-        if (_done || std::string(sqlite3_sql(stmt)) != "SELECT * FROM periods") return;
+        if (_done || std::string(sqlite3_sql(stmt)).rfind("SELECT ", 0) != 0) return;
         _done = true;
         const unwatched inside;
         run_sql(_file, "UPDATE devices SET guid = 'x'");
@@ -489,6 +489,22 @@ TEST_F(busy_commits, are_told_when_another_process_has_written_first)
     EXPECT_NE(testing::internal::GetCapturedStderr().find("517"), std::string::npos);
     EXPECT_EQ(_recorder->flush(), 0);
     EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+}
+
+TEST_F(busy_commits, of_attach_are_repeated_when_another_process_has_written_first)
+{
+    open();
+    attach({gauge("u")}, "one");
+    push_minute(1, 1.0);
+    EXPECT_EQ(tick_after_minute(1), 0);
+    testing::internal::CaptureStderr();
+    {
+        write_between other(_file);
+        attach({gauge("u")}, "two");
+    }
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("517"), std::string::npos);
+    EXPECT_EQ(::rows(_file, "SELECT path, guid FROM devices ORDER BY idx"), "one|x\ntwo|NULL");
+    EXPECT_EQ(told(), "");
 }
 
 TEST_F(own_device, waits_until_the_clock_has_passed_what_is_stored)

@@ -217,6 +217,16 @@ TEST_F(recorder_failure, of_a_first_look_into_a_file_is_made_up_for)
     }
 }
 
+TEST_F(recorder_failure, of_a_first_look_into_a_locked_file_is_repeated)
+{
+    _options._wal = false;
+    open();
+    _recorder->close();
+    const busy_lock other(_file, busy_lock::EVERYBODY, 50);
+    EXPECT_EQ(_recorder->open(_file, _options), 0);
+    EXPECT_EQ(told(), "");
+}
+
 TEST_F(recorder_failure, of_a_step_that_begins_a_transaction_is_made_up_for)
 {
     _options._merge_every_ms = 0;

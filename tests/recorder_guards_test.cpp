@@ -184,6 +184,17 @@ TEST_F(record_ready, refuses_rows_behind_the_same_guards)
     EXPECT_EQ(take(120, NAN), 0);  // an absent value
 }
 
+TEST_F(record_ready, refuses_what_is_too_low_as_well)
+{
+    open();
+    CRecorderParam u = gauge("u");
+    u._lowest = 5.0;
+    attach_ready(u);
+    EXPECT_EQ(take(60, 4.5), NOTICE_OUT_OF_LIMITS);
+    EXPECT_EQ(told(), "out_of_limits: 'u': 4.5 is not within 5 and inf\n");
+    EXPECT_EQ(take(60, 5.0), 0);
+}
+
 TEST_F(record_ready, limits_no_sum_and_nothing_that_is_not_kept)
 {
     open();
