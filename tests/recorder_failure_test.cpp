@@ -301,6 +301,39 @@ TEST_F(recorder_failure, of_the_last_step_does_not_make_later_rows_of_others_its
     EXPECT_EQ(_recorder->stats()._rows, 1U);
 }
 
+TEST_F(recorder_failure, to_end_a_transaction_of_the_hosts_acknowledges_nothing)
+{
+    _options._merge_every_ms = 0;
+    open();
+    attach({gauge("u")});
+    EXPECT_EQ(push(0, 1.0, MINUTE - 30'000), 0);
+    CLog& log = *_recorder->log();
+    ASSERT_EQ(log.begin_transaction(), 0);
+    EXPECT_EQ(tick_at(MINUTE + 1), NOTICE_MISUSE);
+    EXPECT_EQ(_recorder->flush(), NOTICE_MISUSE);
+    CRecorderDevice fan = device({gauge("u")}, false);
+    fan._path = "fan";
+    CRecorderHandles handles;
+    told();
+    EXPECT_EQ(_recorder->attach(fan, handles), NOTICE_MISUSE);
+    EXPECT_EQ(told(), "misuse: the host has a transaction open on the log\n");
+    log.rollback_transaction();
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(rows("param_1_avg"), "60|1.0");
+
+    EXPECT_EQ(tick_at(20 * MINUTE + 1), 0);
+    EXPECT_EQ(push(0, 5.0, 4 * MINUTE - 30'000), 0);
+    ASSERT_EQ(log.begin_transaction(), 0);
+    told();
+    EXPECT_EQ(_recorder->flush(), NOTICE_MISUSE);
+    EXPECT_EQ(told(),
+              "misuse: the host has a transaction open on the log: 1 late rows wait, the next "
+              "attempt is in 60000 ms\n");
+    log.rollback_transaction();
+    EXPECT_EQ(_recorder->flush(), 0);
+    EXPECT_EQ(_recorder->stats()._merged, 1U);
+}
+
 TEST_F(recorder_failure, of_a_setting_up_on_a_log_of_the_hosts_is_repeated_and_told_once)
 {
     CLog log;

@@ -183,9 +183,10 @@ struct CRecorderOptions {
     int64_t _commit_every_ms = 0;
 
     // How much memory the rows take that have not been committed, at least one row of every device.
-    // A row takes 24 bytes and 8 for each value. All of it is reserved at once, and used as rows
-    // wait: those of `_commit_every_ms`, of the time before the clock is trusted, and of the time
-    // in which commits fail. When it is full the oldest row is given up.
+    // A row takes 24 bytes and 8 for each value, and 16 more while it is committed. All of it is
+    // reserved at once, and used as rows wait: those of `_commit_every_ms`, of the time before the
+    // clock is trusted, and of the time in which commits fail. When it is full the oldest row is
+    // given up.
     size_t _max_bytes = 4 << 20;
 
     // What comes late ---------------------------------------------------------------------------
@@ -285,7 +286,7 @@ struct CRecorderStats {
 // too. No exception leaves the recorder. One thread at a time, and not across fork(): a child's
 // calls are refused (NOTICE_MISUSE) but for push(), which has no effect on the file. A recorder
 // takes its memory at open() and attach(); push(), record() and a tick() that commits nothing
-// allocate none, and push() and record() do not touch the file.
+// and merges nothing allocate none, and push() and record() do not touch the file.
 //
 // While nobody else has it locked a commit waits for the disk only. A file that another process is
 // writing leaves the commit to a later tick (NOTICE_BUSY); only when that one begins in the instant
@@ -310,8 +311,7 @@ public:
     int open(const tk_string& name, const CRecorderOptions& options);
 
     // The same on a log that the host has opened for writing and keeps open for as long. `_wal`
-    // and `_cache_bytes` are not used, and `_max_devices` has no effect on its pool. The
-    // host must not have a transaction open when it calls the recorder.
+    // and `_cache_bytes` are not used, and `_max_devices` has no effect on its pool.
     int open(CLog& log, const CRecorderOptions& options);
 
     bool is_open() const;
@@ -365,7 +365,8 @@ public:
 
     CRecorderStats stats() const;
 
-    // The log, for reading; null while the recorder is closed.
+    // The log, for reading; null while the recorder is closed. While the host has a transaction
+    // open on it nothing is committed, which is told and repeated: NOTICE_MISUSE.
     CLog* log();
 
 private:

@@ -3,6 +3,7 @@
 
 #include "columns.h"
 #include "recorder/impl.h"
+#include "trend/access.h"
 #include "trend_transaction.h"
 
 // From rows of the queue into the log: all that waits in one transaction, as often as it takes.
@@ -32,6 +33,13 @@ bool CRecorder::CImpl::is_anything_due() const
                        [&](const device_t& device) { return is_due(device); });
 }
 
+// What is stored within a transaction of the host's is not there before that ends, and never if it
+// is rolled back: nothing would be left to repeat it.
+bool CRecorder::CImpl::is_inside_transaction() const
+{
+    return _log->is_open() && log_access_t::connection(*_log)->in_transaction();
+}
+
 int CRecorder::CImpl::commit(bool at_once)
 {
     if (!is_anything_due()) return 0;
@@ -40,6 +48,7 @@ int CRecorder::CImpl::commit(bool at_once)
     const int64_t now = _time.monotonic();
     if (!at_once && (now < _next_try || now - _last_commit < _options._commit_every_ms)) return 0;
 
+    if (is_inside_transaction()) return failed_commit(NOTICE_MISUSE, now);
     if (is_busy()) return failed_commit(NOTICE_BUSY, now);
     int failed = store(nullptr);
     if (failed) {
@@ -59,7 +68,8 @@ int CRecorder::CImpl::commit(bool at_once)
 
 const char* CRecorder::CImpl::reason(notice_t notice)
 {
-    return notice == NOTICE_BUSY   ? "another process is writing the file"
+    return notice == NOTICE_MISUSE ? "the host has a transaction open on the log"
+           : notice == NOTICE_BUSY ? "another process is writing the file"
            : notice == NOTICE_FULL ? "the disk is full"
                                    : "the log has refused the commit";
 }

@@ -144,6 +144,7 @@ private:
     void record_own_counters();
 
     // commit.cpp
+    bool is_inside_transaction() const;
     int commit(bool at_once);
     bool is_due(const device_t& device) const;
     bool is_anything_due() const;

@@ -92,10 +92,10 @@ int CRecorder::CImpl::merge(bool at_once)
     const int64_t now = _time.monotonic();
     if ((!at_once && now < _next_merge) || is_anything_due()) return 0;
 
-    int failed = 0;
+    int failed = is_inside_transaction() ? NOTICE_MISUSE : 0;
     for (device_t& device : _devices) {
+        if (failed && failed != NOTICE_FAILED) break;
         if (const int why = merge_device(device)) failed = why;
-        if (failed == NOTICE_BUSY || failed == NOTICE_FULL) break;
     }
     if (!failed) return 0;
     const int64_t pause = std::max(LONGEST_PAUSE, _options._merge_every_ms);

@@ -12,6 +12,7 @@ int CRecorder::CImpl::in_transaction(const std::function<int()>& work)
 {
     constexpr int ATTEMPTS = 40;  // with a millisecond more between them each time
     if (!_log->is_open()) return tell(NOTICE_MISUSE, "the log is not open");
+    if (is_inside_transaction()) return tell(NOTICE_MISUSE, "%s", reason(NOTICE_MISUSE));
     notice_t why = NOTICE_BUSY;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         std::this_thread::sleep_for(std::chrono::milliseconds(attempt));
