@@ -11,7 +11,7 @@ build_preset() {
     shift
 
     local packages=(cmake ninja-build g++ libsqlite3-dev libgtest-dev libgmock-dev
-        libbenchmark-dev)
+        libbenchmark-dev "${tool_packages[@]}")
     case $preset in
         clang) packages+=(clang) ;;
         sanitize | faults-sanitize | fuzz) packages+=(clang libclang-rt-14-dev llvm) ;;

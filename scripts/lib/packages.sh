@@ -1,4 +1,10 @@
-# Sourced. need_packages NAME... installs the Debian packages among them that are missing.
+# Sourced. What the command trendlog is built and tested with, and what installs what is missing:
+
+# shellcheck disable=SC2034
+tool_packages=(libcli11-dev libhowardhinnant-date-dev nlohmann-json3-dev libcsv-dev
+    python3-pytest mandoc tzdata)
+
+# need_packages NAME... installs the Debian packages among them that are missing.
 
 need_packages() {
     local missing=() name
