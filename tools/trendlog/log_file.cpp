@@ -287,12 +287,21 @@ void CLogFile::run(const char* sql)
 // one, the handle, has the lock for readers.
 void CLogFile::read(const std::function<int()>& work)
 {
-    struct transaction_t {
-        sqlite3* _db;
-        ~transaction_t() { sqlite3_exec(_db, "ROLLBACK", nullptr, nullptr, nullptr); }
+    struct lock_t {
+        CLogFile& _file;
+        ~lock_t()
+        {
+            sqlite3_exec(_file._handle, "ROLLBACK", nullptr, nullptr, nullptr);
+            _file._reading = false;
+        }
     };
+    if (_reading) {
+        if (work() != 0) fail_with_library_line();
+        return;
+    }
     run("BEGIN");
-    const transaction_t transaction{_handle};
+    _reading = true;
+    const lock_t lock{*this};
     run("SELECT 1 FROM sqlite_master LIMIT 1");
     static_cast<void>(library_line());
     if (work() != 0) fail_with_library_line();

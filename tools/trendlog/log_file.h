@@ -40,9 +40,10 @@ public:
     // that others have locked is waited for at most --timeout, and so nowhere else. read() keeps
     // the lock for readers until `work` is done; change() makes sure that nobody writes when it
     // begins. Within read() the file is that of one moment where `work` is one call or one
-    // transaction.
+    // transaction; a read within a read is part of that.
     void read(const std::function<int()>& work);
     void change(const std::function<int()>& work);
+    bool is_reading() const { return _reading; }
 
     // Everything in the file's configuration and labels, read once.
     const std::vector<CPeriodProperties>& periods();
@@ -85,6 +86,7 @@ private:
     bool _removes_companions = false;
     CLog _log;
 
+    bool _reading = false;
     bool _has_periods = false;
     bool _has_devices = false;
     bool _has_labels = false;

@@ -23,13 +23,17 @@ std::string mdoc(const std::string& text)
     return out;
 }
 
-// Sentences begin on lines of their own, as mdoc wants them.
+// Sentences begin on lines of their own, as mdoc wants them, and lines are short.
 std::string sentences(const std::string& text)
 {
+    constexpr size_t LONG = 64;
     std::string out;
+    size_t column = 0;
     for (size_t i = 0; i < text.size(); ++i) {
-        const bool ends = i > 0 && text[i] == ' ' && (text[i - 1] == '.' || text[i - 1] == '?');
-        out += ends ? '\n' : text[i];
+        const bool ends = i > 0 && (text[i - 1] == '.' || text[i - 1] == '?' || column > LONG);
+        const bool breaks = text[i] == ' ' && ends;
+        out += breaks ? '\n' : text[i];
+        column = breaks ? 0 : column + 1;
     }
     return mdoc(out);
 }
@@ -46,7 +50,8 @@ std::string manual_of(const command_t& command)
     text += ".Bl -tag -width Ds -compact\n";
     for (const argument_t& argument : command._arguments)
         if (std::string(argument._name) != "FILE")
-            text += std::string(".It Ar ") + argument._name + "\n" + mdoc(argument._help) + "\n";
+            text +=
+                std::string(".It Ar ") + argument._name + "\n" + sentences(argument._help) + "\n";
     for (const option_t& option : command._options) {
         const auto& common = common_options();
         const auto is_same = [&](const option_t& each) { return each._name == option._name; };
@@ -55,7 +60,7 @@ std::string manual_of(const command_t& command)
         if (*option._short) text += "Fl " + mdoc(option._short + 1) + " , ";
         text += "Fl " + mdoc(option._name + 1);
         if (*option._value) text += std::string(" Ar ") + option._value;
-        text += "\n" + mdoc(option._help) + "\n";
+        text += "\n" + sentences(option._help) + "\n";
     }
     text += ".El\n.Bd -literal -offset indent\n";
     for (const example_t& example : command._examples)
@@ -80,37 +85,28 @@ std::string manual_text(const commands_t& commands)
         ".Ar file\n"
         ".Op Ar argument ...\n"
         ".Op Ar option ...\n"
-        ".Sh DESCRIPTION\n"
+        ".Sh DESCRIPTION\n";
+    text += sentences(
         "A trend log is one SQLite file in which devices have rows of values, one for each "
-        "interval "
-        "of\na period, and coarser rows made of them.\n"
-        "Data is given out on standard output, everything else is said on standard error.\n"
-        "A file that is only looked at is opened read\\-only and not changed by one byte.\n"
-        ".Ss Options of every command\n"
-        ".Bl -tag -width Ds -compact\n";
+        "interval of a period, and coarser rows made of them. Data is given out on standard "
+        "output, everything else is said on standard error. A file that is only looked at is "
+        "opened read-only and not changed by one byte.");
+    text += "\n.Ss Options of every command\n.Bl -tag -width Ds -compact\n";
     for (const option_t& option : common_options()) {
         text += ".It Fl " + mdoc(option._name + 1);
         if (*option._value) text += std::string(" Ar ") + option._value;
-        text += "\n" + mdoc(option._help) + "\n";
+        text += "\n" + sentences(option._help) + "\n";
     }
     text +=
         ".El\n"
-        ".Ss Times\n"
-        "Epoch seconds, RFC 3339 with any offset, a date or a date with a time in the zone of\n"
-        ".Fl \\-tz ,\n"
-        ".Cm now ,\n"
-        ".Cm today ,\n"
-        "and\n"
-        ".Cm first\n"
-        "and\n"
-        ".Cm last ,\n"
-        "the first and the last moment that is stored; each of these words with a duration added "
-        "or "
-        "taken\naway, like now\\-7d.\n"
-        "Durations have the units s, m, h, d and w.\n"
-        "A row is named by the end of its interval: a day begins after midnight and includes the "
-        "next "
-        "one.\n";
+        ".Ss Times\n";
+    text += sentences(
+        "Epoch seconds, RFC 3339 with any offset, a date or a date with a time in the zone of "
+        "--tz, now, today, and first and last, the first and the last moment that is stored; each "
+        "of these words with a duration added or taken away, like now-7d. Durations have the "
+        "units s, m, h, d and w. A row is named by the end of its interval: a day begins after "
+        "midnight and includes the next one.");
+    text += "\n";
     const char* const titles[] = {"Commands that look", "Commands that change",
                                   "Commands for data and care"};
     for (const section_t section : {SECTION_LOOK, SECTION_CHANGE, SECTION_DATA}) {
@@ -134,9 +130,7 @@ std::string manual_text(const commands_t& commands)
            ".Sh EXIT STATUS\n"
            "0 when done, 1 after a failure, 2 for wrong usage, 3 when\n"
            ".Cm check\n"
-           "has found a warning or an error, 4 when the file is locked or not a trend log.\n"
-           ".Sh SEE ALSO\n"
-           ".Xr sqlite3 1\n";
+           "has found a warning or an error, 4 when the file is locked or not a trend log.\n";
 }
 
 namespace {

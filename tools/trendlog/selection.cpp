@@ -70,6 +70,22 @@ CDeviceParams select_params(CLogFile& file, const CDeviceProperties& device,
     return selected;
 }
 
+std::vector<CPeriodProperties> select_periods(CLogFile& file, const CArguments& arguments)
+{
+    if (arguments.text("--period") == "all") return file.periods();
+    std::vector<CPeriodProperties> selected;
+    for (const std::string& word : arguments.list("--period")) {
+        const unsigned long minutes = parse_period(word);
+        size_t before = selected.size();
+        for (const CPeriodProperties& period : file.periods())
+            if (period._period == minutes) selected.push_back(period);
+        if (selected.size() == before)
+            file.fail("there is no period of " + duration_text(int64_t(minutes) * 60) +
+                      "; `trendlog periods` lists them");
+    }
+    return selected;
+}
+
 timebounds_t stored_bounds(CLogFile& file, const CDeviceProperties& device)
 {
     int64_t first = std::numeric_limits<int64_t>::max(), last = -1;
@@ -152,7 +168,7 @@ size_t CRowShape::column_of(const std::string& param, const aggregate_name_t& ag
             each += each >= place ? 1 : 0;
     column_t column = {
         param + "." + aggregate._name, COLUMN_NUMBER, "", false, param, aggregate._name};
-    if (!unit.empty()) column._title = column._name + " " + unit;
+    column._title = unit.empty() ? param : param + " " + unit;
     _columns.insert(_columns.begin() + static_cast<std::ptrdiff_t>(place), column);
     return place;
 }
@@ -190,13 +206,12 @@ constexpr size_t MOST_HELD = 1 << 20;  // bytes for standard output
 // Reads oldest first, or newest first of named periods: each read goes on behind the last time.
 class CSlices {
 public:
-    CSlices(CLogFile& file, const row_source_t& source, CSink& sink, slices_t slices,
-            const row_visitor_t& visit)
+    CSlices(CLogFile& file, const row_source_t& source, CSink& sink, const row_visitor_t& visit)
         : _file(file),
           _source(source),
           _sink(sink),
-          _slices(slices),
           _visit(visit),
+          _is_limited(!file.is_reading()),
           _request(source._request)
     {
     }
@@ -206,15 +221,12 @@ public:
         while (_more) {
             _ended = false;
             _sink.hold(true);
-            const auto read = [&] { return read_slice(); };
-            if (_slices == ONE_MOMENT)
-                read_now(read);
-            else
-                _file.read(read);
+            _file.read([&] { return read_slice(); });
             _sink.hold(false);
             _sink.added();
             throw_if_interrupted();
-            if (!_ended) return;
+            if (!_ended || (_source._newest_first && _last == 0)) return;
+            _any = false;
             if (_source._newest_first)
                 _request._bounds.second = static_cast<time_t>(_last - 1);
             else
@@ -223,13 +235,6 @@ public:
     }
 
 private:
-    // The caller's read holds the lock and tells the failure.
-    void read_now(const std::function<int()>& read)
-    {
-        if (read() != 0) _failed = true;
-        _more = _more && !_failed;
-    }
-
     int read_slice()
     {
         _began = steady_t::now();
@@ -248,33 +253,39 @@ private:
             _ended = true;
             return false;
         }
-        _last = row._time;
+        // What has been read before may be gone by now, and a coarser row be there instead.
+        const bool overlaps = _source._periods.empty() && row._start < _last;
         _any = true;
-        _more = _visit(device, row);
-        return _more;
+        if (overlaps) {
+            CInterval rest = row;
+            rest._start = static_cast<time_t>(_last);
+            _last = row._time;
+            return _more = _visit(device, rest);
+        }
+        _last = row._time;
+        return _more = _visit(device, row);
     }
 
     bool is_over()
     {
         constexpr unsigned EVERY = 16;
         if (_sink.size() >= MOST_HELD) return true;
-        if (_slices == ONE_MOMENT || ++_rows % EVERY != 0) return false;
+        if (!_is_limited || ++_rows % EVERY != 0) return false;
         return steady_t::now() - _began >= SLICE;
     }
 
     CLogFile& _file;
     const row_source_t& _source;
     CSink& _sink;
-    slices_t _slices;
     const row_visitor_t& _visit;
+    bool _is_limited;  // in time
     CReadRequest _request;
     steady_t::time_point _began;
     unsigned _rows = 0;
-    int64_t _last = 0;
-    bool _any = false;    // of this slice or one before
+    int64_t _last = std::numeric_limits<int64_t>::min();
+    bool _any = false;    // in this read
     bool _ended = false;  // by us: there may be more
     bool _more = true;
-    bool _failed = false;
 };
 
 // Best rows come oldest first. Newest first they are read in stretches, each up to where the one
@@ -315,13 +326,13 @@ void best_rows_backwards(CLogFile& file, const row_source_t& source, CSink& sink
 
 }  // namespace
 
-void for_each_row(CLogFile& file, const row_source_t& source, CSink& sink, slices_t slices,
+void for_each_row(CLogFile& file, const row_source_t& source, CSink& sink,
                   const row_visitor_t& visit)
 {
     if (source._newest_first && source._periods.empty())
         best_rows_backwards(file, source, sink, visit);
     else
-        CSlices(file, source, sink, slices, visit).read_all();
+        CSlices(file, source, sink, visit).read_all();
 }
 
 }  // namespace trendlog

@@ -31,6 +31,9 @@ CDeviceParams select_params(CLogFile& file, const CDeviceProperties& device,
                             const std::vector<std::string>& params,
                             const std::vector<std::string>& aggregates);
 
+// The periods that --period names, none without it, all of them for "all".
+std::vector<CPeriodProperties> select_periods(CLogFile& file, const CArguments& arguments);
+
 // Where the rows of a device begin and end, of all its periods; {-1, -1} without rows.
 timebounds_t stored_bounds(CLogFile& file, const CDeviceProperties& device);
 
@@ -75,11 +78,10 @@ struct row_source_t {
 
 // Hands the rows to `visit` until it says false. It is done in reads of at most 50 ms, so that
 // nobody who writes waits for longer, each going on where the one before has ended; what `visit`
-// puts into the sink is written between them. Within `one_moment`, a read of the caller's, it is
-// one read. Throws as CLogFile::read().
+// puts into the sink is written between them. Within a read of the caller's it is part of that.
+// Throws as CLogFile::read().
 using row_visitor_t = std::function<bool(const CDeviceParams&, const CInterval&)>;
-enum slices_t { IN_SLICES, ONE_MOMENT };
-void for_each_row(CLogFile& file, const row_source_t& source, CSink& sink, slices_t slices,
+void for_each_row(CLogFile& file, const row_source_t& source, CSink& sink,
                   const row_visitor_t& visit);
 
 }  // namespace trendlog

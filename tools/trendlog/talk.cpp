@@ -134,24 +134,20 @@ bool wants_colour(int fd)
 
 // Progress -------------------------------------------------------------------------------------
 
-void CProgress::at(uint64_t done, uint64_t total)
+void CProgress::at(uint64_t done, double share)
 {
-    if (quiet || !is_terminal(STDERR_FILENO) || !terminal) return;
+    constexpr uint64_t EVERY = 256;  // the clock is not asked for each row
+    if (!terminal || ++_calls % EVERY != 1) return;
     const clock_t::time_point now = clock_t::now();
-    if (now < _next) return;
+    if (now < _next || quiet || !is_terminal(STDERR_FILENO)) return;
     _next = now + std::chrono::milliseconds(200);
     _shown = true;
 
     const double took = std::chrono::duration<double>(now - _began).count();
-    const double rate = static_cast<double>(done) / took;
-    std::fprintf(terminal, "\r\033[K%s: %ju", _what.c_str(), static_cast<uintmax_t>(done));
-    if (total >= done && total > 0) {
-        const double rest = rate > 0 ? static_cast<double>(total - done) / rate : 0;
-        std::fprintf(terminal, " of %ju, %.0f/s, %.0f s left", static_cast<uintmax_t>(total), rate,
-                     rest);
-    } else {
-        std::fprintf(terminal, ", %.0f/s", rate);
-    }
+    std::fprintf(terminal, "\r\033[K%s: %ju, %.0f/s", _what.c_str(), static_cast<uintmax_t>(done),
+                 static_cast<double>(done) / took);
+    if (share > 0)
+        std::fprintf(terminal, ", %.0f %%, %.0f s left", share * 100, took / share - took);
     std::fflush(terminal);
 }
 

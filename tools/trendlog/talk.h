@@ -42,14 +42,15 @@ public:
     CProgress(const CProgress&) = delete;
     CProgress& operator=(const CProgress&) = delete;
 
-    // `done` of `total`, which is 0 where nobody knows.
-    void at(uint64_t done, uint64_t total);
+    // So many have been done, which is a share of 0 to 1 of the work; -1 where nobody knows.
+    void at(uint64_t done, double share);
 
 private:
     using clock_t = std::chrono::steady_clock;
     std::string _what;
     clock_t::time_point _began = clock_t::now();
     clock_t::time_point _next = _began + std::chrono::seconds(1);
+    uint64_t _calls = 0;
     bool _shown = false;
 };
 

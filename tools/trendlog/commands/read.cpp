@@ -7,22 +7,6 @@ namespace trendlog {
 
 namespace {
 
-// The rows of named periods, in the order of the file.
-std::vector<CPeriodProperties> select_periods(CLogFile& file, const CArguments& arguments)
-{
-    std::vector<CPeriodProperties> selected;
-    for (const std::string& word : arguments.list("--period")) {
-        const unsigned long minutes = parse_period(word);
-        size_t before = selected.size();
-        for (const CPeriodProperties& period : file.periods())
-            if (period._period == minutes) selected.push_back(period);
-        if (selected.size() == before)
-            file.fail("there is no period of " + duration_text(int64_t(minutes) * 60) +
-                      "; `trendlog periods` lists them");
-    }
-    return selected;
-}
-
 edges_t select_edges(const CArguments& arguments, const CZone& zone, const moments_t& window)
 {
     constexpr size_t MOST = 1000000;
@@ -81,7 +65,7 @@ exit_code_t run(const CArguments& arguments)
     };
 
     if (!in_points) {
-        for_each_row(file, source, sink, IN_SLICES, visit);
+        for_each_row(file, source, sink, visit);
     } else if (stored.second != -1 && window._from < window._to) {
         sink.hold(true);
         CReader reader(file.log());

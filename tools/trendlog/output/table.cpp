@@ -19,8 +19,11 @@ public:
     void begin(const columns_t& columns) override
     {
         _columns = columns;
-        for (const column_t& column : columns)
-            _titles.push_back(column._title.empty() ? column._name : column._title);
+        for (const column_t& column : columns) {
+            const std::string& title = column._title.empty() ? column._name : column._title;
+            _titles.push_back(column._param.empty() ? title : column._aggregate);
+            _groups.push_back(column._param.empty() ? "" : title);
+        }
     }
 
     void row(const cells_t& cells) override
@@ -95,16 +98,52 @@ private:
                 width = std::max(width, shown_width(texts[i]));
             _widths.push_back(width);
         }
+        widen_groups();
         choose_columns();
         if (_rows > 0) {
             const bool colour = wants_colour(STDOUT_FILENO);
             if (colour) _sink.add("\033[1m");
+            write_groups();
             write_line(_titles);
             if (colour) _sink.add("\033[0m");
         }
         for (const auto& texts : _waiting)
             write_line(texts);
         _waiting.clear();
+    }
+
+    // The columns of one parameter stand under its name.
+    size_t end_of_group(size_t i) const
+    {
+        size_t end = i + 1;
+        while (end < _columns.size() && !_groups[i].empty() && _groups[end] == _groups[i])
+            ++end;
+        return end;
+    }
+
+    void widen_groups()
+    {
+        for (size_t i = 0, end = 0; i < _columns.size(); i = end) {
+            end = end_of_group(i);
+            size_t width = (end - i - 1) * BETWEEN;
+            for (size_t each = i; each < end; ++each)
+                width += _widths[each];
+            const size_t wanted = shown_width(_groups[i]);
+            if (wanted > width) _widths[i] += wanted - width;
+        }
+    }
+
+    void write_groups()
+    {
+        std::string line;
+        size_t place = 0;
+        for (const size_t i : _shown) {
+            if (i != _shown.front()) place += BETWEEN;
+            if (!_groups[i].empty() && (i == 0 || _groups[i - 1] != _groups[i]))
+                line = padded(line, place) + _groups[i];
+            place += _widths[i];
+        }
+        if (!line.empty()) _sink.add(line + "\n");
     }
 
     void choose_columns()
@@ -119,7 +158,7 @@ private:
                 used += width;
                 _shown.push_back(i);
             } else {
-                _left_out += (_left_out.empty() ? "" : ", ") + _titles[i];
+                _left_out += (_left_out.empty() ? "" : ", ") + _columns[i]._name;
             }
         }
     }
@@ -143,6 +182,7 @@ private:
     const CZone& _zone;
     columns_t _columns;
     std::vector<std::string> _titles;
+    std::vector<std::string> _groups;
     std::vector<std::vector<std::string>> _waiting;
     bool _waiting_done = false;
     std::vector<size_t> _widths;
