@@ -411,12 +411,28 @@ unsigned long parse_period(const std::string& text)
 
 // Steps ----------------------------------------------------------------------------------------
 
+namespace {
+
+// "month", "3month", "year": calendar months.
+bool read_months(const std::string& text, int64_t& months)
+{
+    for (const auto& [word, length] : {std::pair("month", 1), std::pair("year", 12)}) {
+        const size_t at = text.find(word);
+        if (at == std::string::npos || text.substr(at) != word) continue;
+        int64_t n = 1;
+        if (at > 0 && (!read_number(text.substr(0, at), n) || n < 1 || n > 1200)) return false;
+        months = n * length;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 CSteps::CSteps(const std::string& text, const CZone& zone) : _zone(&zone)
 {
-    if (text == "month" || text == "1month") {
-        _months = 1;
-    } else if (text == "year" || text == "1year") {
-        _months = 12;
+    if (read_months(text, _months)) {
+        // nothing else
     } else if (!read_duration(text, _seconds)) {
         throw usage_t("'" + text + "' is no step; steps are like 15m, 1h, 1d, 1w, month or year");
     } else if (_seconds % DAY == 0) {

@@ -14,6 +14,7 @@ command_t info_command();
 command_t latest_command();
 command_t params_command();
 command_t periods_command();
+command_t plot_command();
 command_t read_command();
 
 }  // namespace trendlog
