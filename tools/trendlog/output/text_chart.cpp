@@ -8,6 +8,10 @@ namespace trendlog {
 
 namespace {
 
+constexpr const char* MIDDLE_COLOUR = "\033[1;38;5;221m";
+constexpr const char* BAND_COLOUR = "\033[38;5;67m";
+constexpr const char* PARTIAL_COLOUR = "\033[38;5;245m";
+
 enum pixel_t : char { EMPTY, BAND, MIDDLE };
 
 // One column of the picture: what is known of its time.
@@ -167,16 +171,15 @@ private:
     {
         const bool is_partial = column._has_point && column._point._percent_valid > 0 &&
                                 column._point._percent_valid < 100;
-        const char* const band = is_partial ? "245" : "67";
         const bool has_middle = up == MIDDLE || down == MIDDLE;
         const bool has_band = up == BAND || down == BAND;
         std::string text;
         if (has_middle)
-            text += "\033[1;38;5;221m";
+            text += MIDDLE_COLOUR;
         else if (has_band)
-            text += std::string("\033[38;5;") + band + "m";
+            text += is_partial ? PARTIAL_COLOUR : BAND_COLOUR;
         if (has_middle && has_band)
-            text += std::string("\033[48;5;") + band + "m";
+            text += is_partial ? "\033[48;5;245m" : "\033[48;5;67m";
         else if (is_partial)
             text += "\033[48;5;237m";
         return text;
@@ -238,12 +241,17 @@ std::string legend(const chart_t& chart, const text_style_t& style)
     for (const panel_t& panel : chart._panels)
         for (const point_t& point : panel._points) {
             has_band = has_band || (std::isfinite(point._low) && std::isfinite(point._high));
-            is_partial = is_partial || point._percent_valid < 100;
+            is_partial = is_partial || (point._percent_valid > 0 && point._percent_valid < 100);
         }
-    std::string text =
-        std::string(style._has_utf8 ? "▀" : "*") + " " + chart._panels.front()._middle_name;
-    if (has_band) text += std::string("   ") + (style._has_utf8 ? "░" : ":") + " min to max";
-    if (style._has_colour && is_partial) text += "   grey: known in part";
+    const auto key = [&](const char* blocks, const char* plain, const char* colour) {
+        const std::string sign = style._has_utf8 ? blocks : plain;
+        return style._has_colour ? colour + sign + "\033[0m " : sign + " ";
+    };
+    std::string text = key("▀", "*", MIDDLE_COLOUR) + chart._panels.front()._middle_name;
+    if (has_band)
+        text += "   " + key(style._has_colour ? "█" : "░", ":", BAND_COLOUR) + "min to max";
+    if (is_partial && style._has_colour)
+        text += "   " + key("█", ":", PARTIAL_COLOUR) + "known in part";
     return text + "   blank: not known\n";
 }
 
