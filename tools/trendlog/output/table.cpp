@@ -146,19 +146,26 @@ private:
         if (!line.empty()) _sink.add(line + "\n");
     }
 
+    // The columns of a parameter are shown together or left out, but for the first column.
     void choose_columns()
     {
         const bool limited = is_terminal(STDOUT_FILENO);
         const size_t room = limited ? static_cast<size_t>(terminal_columns()) : SIZE_MAX;
         size_t used = 0;
-        for (size_t i = 0; i < _columns.size(); ++i) {
+        for (size_t i = 0, end = 0; i < _columns.size(); i = end) {
+            end = end_of_group(i);
             if (_columns[i]._only_machines) continue;
-            const size_t width = _widths[i] + (_shown.empty() ? 0 : BETWEEN);
-            if (_left_out.empty() && (_shown.empty() || used + width <= room)) {
-                used += width;
-                _shown.push_back(i);
-            } else {
-                _left_out += (_left_out.empty() ? "" : ", ") + _columns[i]._name;
+            size_t width = 0;
+            for (size_t each = i; each < end; ++each)
+                width += _widths[each] + BETWEEN;
+            if (_shown.empty()) width -= BETWEEN;
+            const bool fits = _left_out.empty() && (_shown.empty() || used + width <= room);
+            used += width;
+            for (size_t each = i; each < end; ++each) {
+                if (fits)
+                    _shown.push_back(each);
+                else
+                    _left_out += (_left_out.empty() ? "" : ", ") + _columns[each]._name;
             }
         }
     }
