@@ -1,5 +1,6 @@
 """What the looking commands give out, against the bare tables as Python's sqlite3 reads them."""
 
+import collections
 import csv
 import datetime
 import io
@@ -61,19 +62,17 @@ def nested(row):
 
 
 def best(tables):
-    """Every moment once: from finest to coarsest, a row counts where it is not covered."""
-    chosen = []
-    for rows in tables:
-        for row in rows:
-            inside = [one for one in chosen if one["start"] >= row["start"] and one["end"] <= row["end"]]
-            if sum(one["end"] - one["start"] for one in inside) < row["end"] - row["start"]:
-                overlapping = [one for one in chosen if one not in inside
-                               and one["start"] < row["end"] and one["end"] > row["start"]]
-                chosen = [one for one in chosen if one not in inside]
-                if overlapping:  # of rows on the grid only the last one is
-                    row = {**row, "end": row["end"]}
-                chosen.append(row)
-    return sorted(chosen, key=lambda row: row["end"])
+    """Every moment once, of tables without holes on one grid, finest first: where the finer rows
+    begin, the coarser row that begins before them takes the place of those inside it."""
+    chosen = collections.deque(tables[0])
+    for rows in tables[1:]:
+        for row in reversed(rows):
+            if row["start"] >= chosen[0]["start"]:
+                continue
+            while chosen[0]["end"] <= row["end"]:
+                chosen.popleft()
+            chosen.appendleft(row)
+    return list(chosen)
 
 
 # Rows -----------------------------------------------------------------------------------------
