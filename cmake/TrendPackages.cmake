@@ -9,6 +9,9 @@ set(CPACK_PACKAGE_CONTACT "The libtrend authors <libtrend@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development module)
+if(TREND_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL trendlog)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -50,6 +53,18 @@ set(CPACK_DEBIAN_MODULE_DESCRIPTION
 This package contains a module for SQLite with the aggregate functions that
 the library uses: averages weighted by percentages, and minima, maxima and
 averages of power factors.")
+
+set(CPACK_DEBIAN_TRENDLOG_PACKAGE_NAME trendlog)
+set(CPACK_DEBIAN_TRENDLOG_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TRENDLOG_PACKAGE_DEPENDS "libtrend${PROJECT_VERSION_MAJOR} (= ${version})")
+set(CPACK_DEBIAN_TRENDLOG_PACKAGE_RECOMMENDS tzdata)
+set(CPACK_DEBIAN_TRENDLOG_PACKAGE_SUGGESTS bash-completion)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/common)
+set(CPACK_DEBIAN_TRENDLOG_DESCRIPTION
+"${about}
+.
+This package contains the command trendlog, which looks into such a file,
+draws and exports what is in it, and checks it.")
 
 # The loader's cache is brought up to date once for all packages of one installation.
 file(WRITE ${CMAKE_BINARY_DIR}/package-control/triggers "activate-noawait ldconfig\n")

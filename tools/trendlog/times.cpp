@@ -66,25 +66,32 @@ void append_digits(std::string& text, int64_t value, int width)
         text += digits[--n];
 }
 
+void append_pair(std::string& text, int64_t value)
+{
+    const char digits[] = {static_cast<char>('0' + value / 10),
+                           static_cast<char>('0' + value % 10)};
+    text.append(digits, 2);
+}
+
 void append_date(std::string& text, int64_t days, char between)
 {
     const civil_t civil = civil_of(days);
     if (civil._year < 0) text += '-';
     append_digits(text, civil._year < 0 ? -civil._year : civil._year, 4);
     text += between;
-    append_digits(text, civil._month, 2);
+    append_pair(text, civil._month);
     text += between;
-    append_digits(text, civil._day, 2);
+    append_pair(text, civil._day);
 }
 
 void append_clock(std::string& text, int64_t second, bool with_seconds)
 {
-    append_digits(text, second / 3600, 2);
+    append_pair(text, second / 3600);
     text += ':';
-    append_digits(text, second / 60 % 60, 2);
+    append_pair(text, second / 60 % 60);
     if (!with_seconds) return;
     text += ':';
-    append_digits(text, second % 60, 2);
+    append_pair(text, second % 60);
 }
 
 }  // namespace
@@ -140,8 +147,13 @@ void CZone::append(std::string& text, int64_t time) const
     const int64_t offset = offset_at(time);
     const int64_t local = time + offset;
     const int64_t days = floor_div(local, DAY);
-    append_date(text, days, '-');
-    text += 'T';
+    if (days != _day || _date.empty()) {
+        _date.clear();
+        append_date(_date, days, '-');
+        _date += 'T';
+        _day = days;
+    }
+    text += _date;
     append_clock(text, local - days * DAY, true);
     if (!_rules) {
         text += 'Z';

@@ -46,6 +46,9 @@ private:
     mutable int64_t _begin = 0;
     mutable int64_t _end = 0;
     mutable int64_t _offset = 0;
+    // The day that was written last: rows come in the order of time.
+    mutable int64_t _day = 0;
+    mutable std::string _date;
 };
 
 // What a time can be given relative to.
