@@ -504,8 +504,13 @@ def test_plot_as_a_picture(shell, tmp_path):
     svg = "{http://www.w3.org/2000/svg}"
     texts = [text.text for text in root.iter(svg + "text")]
     assert "house voltage_v" in texts and "house power_factor" in texts
-    styles = [rect.get("class") for rect in root.iter(svg + "rect")]
-    assert {"band", "partial", "unknown", "frame"} <= set(styles)
+    paths = [path for path in root.iter(svg + "path")]
+    styles = [path.get("class") for path in paths]
+    assert all(styles.count(style) == 2 for style in ("band", "partial", "unknown"))
+    assert styles.count("middle") == 3  # one is in the legend
+    # The line is broken where the minutes are missing, and at the seed of blank rows.
+    line = [path.get("d") for path in paths if path.get("class") == "middle"][0]
+    assert line.count("M") == 2
     assert shell.fails(2, "plot", *HOUSE, "voltage_v", "--out", "a.png").startswith(
         "--out: the name must end in .svg")
     assert shell.fails(1, "plot", *HOUSE, "voltage_v", "--out", "none/a.svg") == (

@@ -28,12 +28,24 @@ std::string escaped(const std::string& text)
     return out;
 }
 
-// Hundredths of a pixel are enough.
+// Tenths of a pixel are enough.
 std::string place(double value)
 {
     std::string text;
-    append_number(text, std::round(value * 100) / 100);
+    append_number(text, std::round(value * 10) / 10);
     return text;
+}
+
+// Of many rectangles in one path.
+std::string piece(double x, double y, double width, double height)
+{
+    return "M" + place(x) + " " + place(y) + "h" + place(width) + "v" + place(height) + "h" +
+           place(-width) + "z";
+}
+
+std::string pieces(const std::string& path, const char* style)
+{
+    return path.empty() ? "" : "<path d=\"" + path + "\" class=\"" + style + "\"/>\n";
 }
 
 std::string rectangle(double x, double y, double width, double height, const char* style)
@@ -62,18 +74,18 @@ public:
         text += rectangle(LEFT, _top, INNER, PANEL, "frame");
         text += grid(times);
         // A row is drawn over its own interval, all rows of a kind together.
-        std::string partial, band;
+        std::string unknown, partial, band;
         for (const point_t& point : _panel._points) {
             const double x = x_of(point._start), width = x_of(point._end) - x;
             if (point._percent_valid < 100)
-                partial += rectangle(x, _top, width, PANEL,
-                                     point._percent_valid <= 0 ? "unknown" : "partial");
+                (point._percent_valid <= 0 ? unknown : partial) += piece(x, _top, width, PANEL);
             if (std::isfinite(point._low) && std::isfinite(point._high)) {
                 const double high = y_of(point._high), low = y_of(point._low);
-                band += rectangle(x, high - 0.4, width, low - high + 0.8, "band");
+                band += piece(x, high - 0.4, width, low - high + 0.8);
             }
         }
-        return text + partial + band + "<path d=\"" + middle_line() + "\" class=\"middle\"/>\n";
+        return text + pieces(unknown, "unknown") + pieces(partial, "partial") +
+               pieces(band, "band") + "<path d=\"" + middle_line() + "\" class=\"middle\"/>\n";
     }
 
 private:
@@ -102,7 +114,8 @@ private:
             const double x = x_of(static_cast<int64_t>(time._place));
             text += "<path d=\"M" + place(x) + " " + place(_top) + "V" + place(_top + PANEL + 4) +
                     "\" class=\"grid\"/>\n";
-            text += words(x, _top + PANEL + 17, "mark", time._text);
+            constexpr double HALF_WORD = 24;  // a mark at the edge stays within the picture
+            text += words(std::fmin(x, WIDTH - HALF_WORD), _top + PANEL + 17, "mark", time._text);
         }
         return text;
     }
@@ -149,7 +162,7 @@ std::string svg_chart(const chart_t& chart, const CZone& zone)
                        ".mark { text-anchor: middle }\n"
                        ".frame { fill: #fff; stroke: #bbb }\n"
                        ".grid { stroke: #e4e4e4; fill: none }\n"
-                       "rect { shape-rendering: crispEdges }\n"
+                       ".unknown, .partial, .band { shape-rendering: crispEdges }\n"
                        ".band { fill: #9ec3e6 }\n"
                        ".middle { stroke: #0b4f8a; stroke-width: 1.4; fill: none }\n"
                        ".partial { fill: #f3e2c2 }\n"
