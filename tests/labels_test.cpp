@@ -127,10 +127,42 @@ TEST_F(labels, want_a_device)
 TEST_F(labels, of_another_kind_are_a_failure)
 {
     run_sql(_file, "CREATE TABLE trend_labels (device, param, unit, label)");
-    run_sql(_file, "INSERT INTO trend_labels VALUES ('pump', NULL, 'kW', 'x')");
+    for (const char* const row : {"NULL, 'p', 'kW', 'x'", "'d', NULL, 'kW', 'x'",
+                                  "'d', 'p', 5, 'x'", "'d', 'p', 'kW', 5"}) {
+        run_sql(_file, "DELETE FROM trend_labels; INSERT INTO trend_labels VALUES (" +
+                           std::string(row) + ")");
+        std::vector<CLabel> read;
+        const std::string said = capture_stderr([&] { EXPECT_NE(0, read_labels(_log, read)); });
+        EXPECT_EQ(1, std::count(said.begin(), said.end(), '\n')) << row << said;
+        EXPECT_TRUE(at_level_0());
+    }
+}
+
+TEST_F(labels, cannot_be_written_into_a_table_without_their_columns)
+{
+    run_sql(_file, "CREATE TABLE trend_labels (device, param)");
+    const std::string before = dump();
     std::vector<CLabel> read;
-    const std::string said = capture_stderr([&] { EXPECT_NE(0, read_labels(_log, read)); });
-    EXPECT_NE("", said);
+    const std::string said = capture_stderr([&] {
+        EXPECT_EQ(-1, read_labels(_log, read));
+        EXPECT_EQ(-1, write_label(_log, {"pump", "power", "kW", ""}));
+    });
+    EXPECT_NE(std::string::npos, said.find("no such column: unit"));
+    EXPECT_NE(std::string::npos, said.find("no column named unit"));
+    EXPECT_EQ(before, dump());
+}
+
+TEST_F(labels, are_not_written_into_a_log_that_is_read_only)
+{
+    open_args args;
+    args._read_only = true;
+    args._create = false;
+    reopen(args);
+    const std::string said = capture_stderr([&] {
+        EXPECT_NE(0, write_label(_log, {"pump", "power", "kW", ""}));
+    });
+    EXPECT_NE(std::string::npos, said.find("attempt to write a readonly database"));
+    EXPECT_TRUE(at_level_0());
 }
 
 // Every allocation of the call in turn fails: it says so in one line and changes nothing.
