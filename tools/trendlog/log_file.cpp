@@ -115,9 +115,10 @@ CLogFile::~CLogFile() { close(); }
 
 void CLogFile::close() noexcept
 {
-    _log.close();
+    // The log goes last: as the last one to leave a file in write-ahead mode it tidies up.
     sqlite3_close(_handle);
     _handle = nullptr;
+    _log.close();
     if (!_removes_companions) return;
 
     // A connection that only reads cannot remove the companions that it had to make. One that may
@@ -169,16 +170,27 @@ void CLogFile::fail_with_code(int code) const
     }
 }
 
+namespace {
+
+// SQLite's code in a line of the library, 0 where it has none.
+int code_of(const std::string& line)
+{
+    const size_t code = line.find("(): ");
+    if (code == std::string::npos) return 0;
+    int number = 0;
+    const size_t end = line.find_first_not_of("0123456789", code + 4);
+    return read_number(line.substr(code + 4, end - code - 4), number) ? number : 0;
+}
+
+}  // namespace
+
 // What the library says begins with the signature of its function, which is of no use here.
-void CLogFile::fail_with_library_line() const
+void CLogFile::fail_with_library_line() const { fail_with_library_line(library_line()); }
+
+void CLogFile::fail_with_library_line(const std::string& line) const
 {
     throw_if_interrupted();
-    const std::string line = library_line();
-    if (const size_t code = line.find("(): "); code != std::string::npos) {
-        int number = 0;
-        const size_t end = line.find_first_not_of("0123456789", code + 4);
-        if (read_number(line.substr(code + 4, end - code - 4), number)) fail_with_code(number);
-    }
+    if (const int code = code_of(line)) fail_with_code(code);
     const size_t error = line.find("Error: ");
     fail(error == std::string::npos ? line : line.substr(error + std::strlen("Error: ")));
 }
@@ -227,8 +239,9 @@ void CLogFile::check_companions()
 
 void CLogFile::open_handle()
 {
-    const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX;
-    const int code = sqlite3_open_v2(_name.c_str(), &_handle, flags, nullptr);
+    // One that may write takes over what a crash has left, as the log would.
+    const int flags = _purpose == TO_LOOK ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
+    const int code = sqlite3_open_v2(_name.c_str(), &_handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     if (code != SQLITE_OK) fail_with_code(code);
     sqlite3_extended_result_codes(_handle, 1);
     sqlite3_busy_handler(_handle, wait, this);
@@ -307,18 +320,21 @@ void CLogFile::read(const std::function<int()>& work)
     if (work() != 0) fail_with_library_line();
 }
 
-// A connection that only reads cannot have the lock for writers, so one of its own asks for it.
+// The lock is asked for and let go again: one for everything, since without write-ahead mode those
+// who read keep a commit waiting as well. Whoever writes first all the same, between that and the
+// work, makes the work fail, and it is done again.
 void CLogFile::change(const std::function<int()>& work)
 {
-    sqlite3* db = nullptr;
-    int code = sqlite3_open_v2(_name.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
-    sqlite3_busy_handler(db, wait, this);
-    if (code == SQLITE_OK)
-        code = sqlite3_exec(db, "BEGIN IMMEDIATE; ROLLBACK", nullptr, nullptr, nullptr);
-    sqlite3_close(db);
-    if (code != SQLITE_OK) fail_with_code(code);
-    static_cast<void>(library_line());
-    if (work() != 0) fail_with_library_line();
+    const int64_t began = now_ms();
+    for (;;) {
+        run("BEGIN EXCLUSIVE; ROLLBACK");
+        static_cast<void>(library_line());
+        if (work() == 0) return;
+        const std::string line = library_line();
+        const bool is_busy = (code_of(line) & 0xff) == SQLITE_BUSY;
+        if (!is_busy || now_ms() - began >= _patience_ms) fail_with_library_line(line);
+        throw_if_interrupted();
+    }
 }
 
 // Configuration --------------------------------------------------------------------------------

@@ -38,9 +38,10 @@ public:
 
     // Calls of the library: `work` gives their result, and one that is not 0 is a failure. A file
     // that others have locked is waited for at most --timeout, and so nowhere else. read() keeps
-    // the lock for readers until `work` is done; change() makes sure that nobody writes when it
-    // begins. Within read() the file is that of one moment where `work` is one call or one
-    // transaction; a read within a read is part of that.
+    // the lock for readers until `work` is done; change() makes sure that nobody writes, nor keeps
+    // a commit waiting, when it begins, and does it again when another writer was faster: it is one
+    // transaction, or one call. Within read() the file is that of one moment where `work` is one
+    // call or one transaction; a read within a read is part of that.
     void read(const std::function<int()>& work);
     void change(const std::function<int()>& work);
     bool is_reading() const { return _reading; }
@@ -59,12 +60,13 @@ public:
     int64_t pragma(const char* name);
     std::string pragma_text(const char* name);
 
-    // A connection that only reads, beside the log's.
+    // A connection beside the log's, which is only read from.
     sqlite3* handle() { return _handle; }
 
     // Ends the command with what SQLite or the library says of this file.
     [[noreturn]] void fail(const std::string& cause, exit_code_t code = EXIT_FAILED) const;
     [[noreturn]] void fail_with_code(int code) const;
+    [[noreturn]] void fail_with_library_line() const;
 
 private:
     void check_header();
@@ -72,7 +74,7 @@ private:
     void open_handle();
     void check_schema();
     void close() noexcept;
-    [[noreturn]] void fail_with_library_line() const;
+    [[noreturn]] void fail_with_library_line(const std::string& line) const;
 
     // Runs SQL on the handle, waiting for locks; a failure ends the command.
     void run(const char* sql);

@@ -78,6 +78,17 @@ void say(const std::string& text)
     std::fflush(stream);
 }
 
+bool can_ask() { return is_terminal(STDIN_FILENO) && is_terminal(STDERR_FILENO); }
+
+bool ask(const std::string& question)
+{
+    std::fprintf(terminal ? terminal : stderr, "%s [y/N] ", question.c_str());
+    std::fflush(terminal ? terminal : stderr);
+    char answer[64] = {};
+    if (!std::fgets(answer, sizeof answer, stdin)) return false;
+    return answer[0] == 'y' || answer[0] == 'Y';
+}
+
 void be_quiet() { quiet = true; }
 bool is_quiet() { return quiet; }
 
@@ -164,10 +175,13 @@ void watch_signals()
 {
     struct sigaction action {};
     action.sa_handler = on_signal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // the second one ends it whatever it does
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         sigaction(signal, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);  // a write says it too
 }
+
+bool is_interrupted() { return caught_signal != 0; }
 
 void throw_if_interrupted()
 {

@@ -22,6 +22,11 @@ void say(const std::string& text);
 void be_quiet();
 bool is_quiet();
 
+// Puts a question to whoever sits at the terminal, and whether the answer is yes. Without a
+// terminal nobody can be asked.
+bool can_ask();
+bool ask(const std::string& question);
+
 // A remark, left out when quiet.
 void remark(const std::string& text);
 
@@ -60,6 +65,7 @@ struct interrupted_t {
     int _signal;
 };
 void watch_signals();
+bool is_interrupted();
 void throw_if_interrupted();
 
 }  // namespace trendlog

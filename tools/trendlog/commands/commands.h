@@ -17,4 +17,19 @@ command_t periods_command();
 command_t plot_command();
 command_t read_command();
 
+// These change the log.
+command_t clear_command();
+command_t device_add_command();
+command_t device_remove_command();
+command_t device_rename_command();
+command_t init_command();
+command_t param_add_command();
+command_t param_remove_command();
+command_t param_set_command();
+command_t period_add_command();
+command_t period_remove_command();
+command_t period_set_command();
+command_t rebuild_command();
+command_t unit_command();
+
 }  // namespace trendlog
