@@ -343,7 +343,7 @@ def test_rebuild_a_window_of_all_devices(shell):
 def test_rebuild_off_the_grid_wants_a_word(shell):
     file = shell / "house.db"
     change(file, "UPDATE trends_1_15 SET time = time - 60")
-    assert "do not end on the clock there; --extend rebuilds all that is newer, too" in shell.fails(
+    assert "coarse rows do not end on the clock there; `trendlog rebuild --extend` puts them on it" in shell.fails(
         1, "rebuild", "house.db", "house", "--from", "last-2h")
     assert "further than asked for" in shell.good(
         "rebuild", "house.db", "house", "--from", "last-2h", "--extend").out

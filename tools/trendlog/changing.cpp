@@ -275,9 +275,8 @@ CParamProperties CRecipe::make(const std::string& param) const
 const options_t& recipe_options()
 {
     static const options_t options = {
-        {"--keep", "A,...",
-         "keep of new ones min, max, avg, actual, sum; min,max,avg unless given"},
-        {"--kind", "P=KIND,...", "what new ones are: gauge (unless given), pf, counter, total"},
+        {"--keep", "A,...", "of new ones: min,max,avg (unless given), actual, sum"},
+        {"--kind", "P=KIND,...", "of new ones: gauge (unless given), pf, counter, total"},
     };
     return options;
 }

@@ -191,6 +191,10 @@ void CLogFile::fail_with_library_line(const std::string& line) const
 {
     throw_if_interrupted();
     if (const int code = code_of(line)) fail_with_code(code);
+    if (line.find("coarse rows off the grid") != std::string::npos)
+        fail(
+            "coarse rows do not end on the clock there; `trendlog rebuild --extend` puts them on "
+            "it");
     const size_t error = line.find("Error: ");
     fail(error == std::string::npos ? line : line.substr(error + std::strlen("Error: ")));
 }

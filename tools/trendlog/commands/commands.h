@@ -22,6 +22,7 @@ command_t clear_command();
 command_t device_add_command();
 command_t device_remove_command();
 command_t device_rename_command();
+command_t import_command();
 command_t init_command();
 command_t param_add_command();
 command_t param_remove_command();

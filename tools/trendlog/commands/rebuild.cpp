@@ -42,14 +42,7 @@ exit_code_t run(const CArguments& arguments)
             return !is_interrupted();
         };
         CRebuildResult result;
-        try {
-            file.change([&] { return rebuild(file.log(), request, result); });
-        } catch (const failure_t& failure) {
-            if (std::string(failure.what()).find("coarse rows off the grid") == std::string::npos)
-                throw;
-            file.fail("coarse rows of '" + device._path +
-                      "' do not end on the clock there; --extend rebuilds all that is newer, too");
-        }
+        file.change([&] { return rebuild(file.log(), request, result); });
         tell_outcome(file, arguments, text_of(result, device._path, zone));
     }
     return EXIT_DONE;
