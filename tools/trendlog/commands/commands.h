@@ -31,6 +31,7 @@ command_t period_add_command();
 command_t period_remove_command();
 command_t period_set_command();
 command_t rebuild_command();
+command_t record_command();
 command_t unit_command();
 
 }  // namespace trendlog

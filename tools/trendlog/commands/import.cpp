@@ -219,7 +219,7 @@ command_t import_command()
             {{"FILE", "the log"}, {"DEVICE", "its path"}, {"DATA", "a file, - for standard input"}},
             own + input_options() + recipe_options() + options_t{dry_run_options()[0]} +
                 common_options(),
-            {{"trendlog import two.db house <(trendlog export house.db --agg avg --period 1)",
+            {{"trendlog import house.db house <(trendlog export two.db house --period 1)",
               "Rows of another log"},
              {"trendlog import plant.db mill - --add <<< $'time,t\\n1514765700,3'",
               "One row, of a new device"}},
