@@ -75,6 +75,10 @@ TEST(known_table, does_not_know_whether_an_older_row_waits)
     known = table(0, -1, 420);
     known.add_row(30);
     EXPECT_EQ(text(known), "30-420, ?");
+
+    known = table(0, -1, 420);
+    known.add_row(420);  // of the time of the newest coarse row
+    EXPECT_EQ(text(known), "60-420, ?");
 }
 
 TEST(known_table, loses_its_oldest_rows)

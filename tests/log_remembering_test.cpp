@@ -133,6 +133,10 @@ TEST_F(recall, trims_by_what_it_knows)
     EXPECT_EQ(statements_of_next(), (texts_t{"BEGIN", VERSION, INSERT,
                                              "DELETE FROM trends_1_1 WHERE time <= ?", "COMMIT"}));
     EXPECT_EQ(rows("SELECT count(*), min(time), max(time) FROM trends_1_1"), "15|300|1140");
+
+    // Nothing as old as the last trim took is there any more, and this row is not as old.
+    _next = 290;
+    EXPECT_EQ(statements_of_next(), (texts_t{"BEGIN", VERSION, INSERT, "COMMIT"}));
 }
 
 TEST_F(recall, takes_a_late_row_for_what_it_is)
@@ -142,6 +146,42 @@ TEST_F(recall, takes_a_late_row_for_what_it_is)
     record(_pump, 350, {7.0});
     record(_pump, 480, {1.0});
     EXPECT_EQ(rows("SELECT time, param_1_avg FROM trends_1_3"), "180|1.0\n360|1.0\n480|3.0");
+}
+
+TEST_F(recall, takes_a_late_row_for_what_it_is_where_the_rows_that_wait_were_read)
+{
+    have_others_commit();
+    record(_pump, 480, {1.0});  // 420 waits too
+    record(_pump, 350, {7.0});  // no newer than the newest coarse row
+    EXPECT_EQ(rows("SELECT time FROM trends_1_3"), "180\n360");
+    record(_pump, 400, {7.0});
+    EXPECT_EQ(rows("SELECT time, param_1_avg FROM trends_1_3"), "180|1.0\n360|1.0\n480|3.0");
+}
+
+TEST_F(recall, rolls_up_the_parameters_of_the_device_whose_turn_it_is)
+{
+    const CDeviceParams fan = add_device("fan", {param("w", "min"), param("x", "min")});
+    record(_pump, 480, {1.0});
+    for (time_t time = 60; time <= 120; time += 60)
+        record(fan, time, {2.0, 3.0});  // the list that has been read last is the fan's
+    record(_pump, 540, {1.0});
+    EXPECT_EQ(rows("SELECT * FROM trends_1_3 WHERE time > 360"), "540|100.0|1.0");
+    record(fan, 180, {2.0, 3.0});
+    EXPECT_EQ(rows("SELECT * FROM trends_2_3"), "180|100.0|2.0|3.0");
+}
+
+TEST_F(recall, asks_for_the_version_late_where_nothing_is_remembered)
+{
+    reopen();
+    texts_t texts = statements_of_next();
+    EXPECT_EQ(texts.at(1), PERIODS);
+    EXPECT_EQ(texts.at(texts.size() - 2), VERSION);
+
+    // And so after a failure.
+    capture_stderr([&] { EXPECT_EQ(add(60), -1); });
+    texts = statements_of_next();
+    EXPECT_EQ(texts.at(1), PERIODS);
+    EXPECT_EQ(texts.at(texts.size() - 2), VERSION);
 }
 
 TEST_F(recall, goes_on_when_more_than_one_group_is_full)
@@ -236,6 +276,44 @@ TEST_F(recall, records_a_parameter_whose_identifier_is_too_large_to_be_kept)
               "540|4.0\n720|6.0");
 }
 
+TEST_F(recall, tells_a_selection_from_one_that_begins_like_it)
+{
+    const CDeviceParams more = add_params(_pump._device, {param("v", "avg")});
+    CDeviceParams both = _pump;
+    both._params.push_back(more._params[0]);
+    record(_pump, 480, {1.0});
+    record(both, 540, {2.0, 3.0});
+    have_others_commit();
+    record(both, 600, {4.0, 5.0});
+    _next = 660;
+    EXPECT_EQ(statements_of_next().at(2), INSERT);
+    EXPECT_EQ(rows("SELECT param_1_avg, param_2_avg FROM trends_1_1 WHERE time >= 480"),
+              "1.0|NULL\n2.0|3.0\n4.0|5.0\n1.0|NULL");
+}
+
+TEST_F(recall, finds_a_statement_again_that_the_pool_has_given_up)
+{
+    open_args args;
+    args._create = false;
+    args._pool_capacity = 3;  // BEGIN, INSERT and COMMIT
+    reopen(args);
+    add_period(300, 100);  // so large a ratio that nothing is rolled up
+    ASSERT_EQ(_log.remove_period({3, 1}), 0);
+    const auto made = [&] {
+        const CSnapshot snapshot = snapshot_at(_next);
+        _next += 60;
+        return allocations::in([&] { EXPECT_EQ(_log.add_trend_data(_pump, snapshot), 0); });
+    };
+    made();
+    made();
+    EXPECT_EQ(made(), 0U);
+
+    std::vector<CDeviceProperties> devices;
+    ASSERT_EQ(_log.get_devices(devices), 0);  // takes the place of the INSERT
+    EXPECT_GT(made(), 0U);
+    EXPECT_EQ(made(), 0U);
+}
+
 TEST_F(recall, judges_the_identifiers_of_an_unknown_selection)
 {
     _pump._params[0]._index = -1;
@@ -257,6 +335,20 @@ TEST_F(recall, takes_no_large_identifier_for_a_small_one)
     _pump._params[0]._index = index;
     statements_of_next();
     EXPECT_EQ(rows("SELECT count(*) FROM trends_1_1 WHERE param_1_avg IS NULL"), "0");
+}
+
+TEST_F(recall, takes_no_small_identifier_for_a_large_one)
+{
+    // As above, where the large one is stored and has been recorded before.
+    const int64_t index = _pump._params[0]._index;
+    const int64_t large = index + (int64_t{1} << 59);
+    run_sql(_file, "ALTER TABLE trends_1_1 ADD COLUMN param_" + std::to_string(large) +
+                       "_avg REAL DEFAULT NULL");
+    _pump._params[0]._index = large;
+    record(_pump, 480, {2.0});
+    _pump._params[0]._index = index;
+    record(_pump, 540, {3.0});
+    EXPECT_EQ(rows("SELECT param_1_avg FROM trends_1_1 WHERE time >= 480"), "NULL\n3.0");
 }
 
 // Forgotten --------------------------------------------------------------------------------------
@@ -522,4 +614,23 @@ TEST_F(bound, four_selections_of_a_device_are_remembered)
     };
     EXPECT_EQ(texts_made(4), 0U);
     EXPECT_GT(texts_made(5), 0U);
+}
+
+TEST_F(bound, the_oldest_selection_makes_room)
+{
+    const CDeviceParams all =
+        add_params(_pump._device, {param("a", "avg"), param("b", "avg"), param("c", "avg"),
+                                   param("d", "avg"), param("e", "avg")});
+    const auto made = [&](size_t i) {
+        CDeviceParams one = _pump;
+        one._params = {all._params[i]};
+        const CSnapshot snapshot = snapshot_at(_next);
+        _next += 60;
+        return allocations::in([&] { EXPECT_EQ(_log.add_trend_data(one, snapshot), 0); });
+    };
+    for (size_t i = 0; i < 5; ++i)
+        made(i);
+    for (size_t i = 1; i < 5; ++i)
+        EXPECT_EQ(made(i), 0U) << i;
+    EXPECT_GT(made(0), 0U);
 }
