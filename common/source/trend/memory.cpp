@@ -22,8 +22,9 @@
 //   The host has written on the raw handle. SQLite's count of changed rows has moved on.
 //
 // Whatever of these has happened, everything is forgotten. What none of them shows is a schema
-// changed on the raw handle, or a transaction or savepoint rolled back there: a host that has it
-// must not do that inside of the log's transactions.
+// changed on the raw handle, inside or outside of a transaction, as no row is counted and the data
+// version tells of other connections only; and a transaction or savepoint rolled back there after
+// the log has recorded in it. A host that has the handle must do neither while the log is open.
 
 namespace toolkit::trend {
 
