@@ -8,6 +8,7 @@
 
 #include "allocations.h"
 #include "expect.h"
+#include "faults.h"
 #include "log_fixture.h"
 #include "rows.h"
 #include "trend_transaction.h"
@@ -203,6 +204,56 @@ TEST_F(labels, answer_memory_that_runs_out_in_one_line)
     sweep_memory([&] { return read_labels(_log, read); });
     EXPECT_EQ(1u, read.size());
     EXPECT_TRUE(at_level_0());
+}
+
+TEST_F(labels, stay_as_they_were_where_a_statement_cannot_be_prepared)
+{
+    EXPECT_QUIET(write_label(_log, {"pump", "power", "kW", "Shaft power"}), 0);
+    for (const CLabel& label :
+         {CLabel{"fan", "speed", "1/min", ""}, CLabel{"pump", "power", "", ""}, CLabel{}}) {
+        SCOPED_TRACE(label._device);
+        const std::string before = dump();
+        for (int n = 1;; ++n) {
+            ASSERT_LT(n, 10);
+            reopen();
+            const deny_prepare denied(n);
+            std::vector<CLabel> read;
+            int result = 0;
+            const std::string said = capture_stderr([&] {
+                result = label._device.empty() ? read_labels(_log, read) : write_label(_log, label);
+            });
+            if (!denied.struck()) {
+                EXPECT_EQ(result, 0);
+                EXPECT_GT(n, 2);
+                break;
+            }
+            EXPECT_EQ(result, -1);
+            EXPECT_NE(said, "");
+            EXPECT_TRUE(at_level_0());
+            EXPECT_EQ(dump(), before);
+        }
+    }
+}
+
+TEST_F(labels, of_a_read_that_breaks_off_are_a_failure)
+{
+    EXPECT_QUIET(write_label(_log, {"pump", "power", "kW", "Shaft power"}), 0);
+    for (const char* sql :
+         {"BEGIN",
+          "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'trend_labels'",
+          "SELECT device, param, unit, label FROM trend_labels ORDER BY device, param"}) {
+        const interrupt_step broken(sql);
+        std::vector<CLabel> read;
+        int result = 0;
+        capture_stderr([&] { result = read_labels(_log, read); });
+        EXPECT_EQ(result, -1) << sql;
+        EXPECT_TRUE(at_level_0());
+    }
+    const interrupt_step broken("BEGIN");
+    int result = 0;
+    capture_stderr([&] { result = write_label(_log, {"pump", "power", "W", ""}); });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(all(), "pump|power|kW|Shaft power\n");
 }
 
 }  // namespace
