@@ -11,6 +11,7 @@
 #include <cstring>
 #include <thread>
 
+#include "disk.h"
 #include "numbers.h"
 #include "talk.h"
 #include "times.h"
@@ -26,13 +27,6 @@ int64_t now_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-std::string folder_of(const std::string& name)
-{
-    const size_t slash = name.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : name.substr(0, slash);
 }
 
 bool may_write(const std::string& name)
@@ -74,12 +68,6 @@ bool is_open_elsewhere(int fd)
     return fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-int64_t size_of(const std::string& name)
-{
-    struct stat status {};
-    return stat(name.c_str(), &status) == 0 ? static_cast<int64_t>(status.st_size) : -1;
-}
-
 constexpr size_t HEADER_SIZE = 100;
 
 }  // namespace
@@ -91,7 +79,7 @@ CLogFile::CLogFile(const CArguments& arguments, purpose_t purpose)
                                               : 5000)
 {
     try {
-        const bool is_new = purpose == TO_CREATE && size_of(_name) <= 0;
+        const bool is_new = purpose == TO_CREATE && file_size(_name) <= 0;
         if (!is_new) {
             check_header();
             open_handle();
@@ -99,7 +87,10 @@ CLogFile::CLogFile(const CArguments& arguments, purpose_t purpose)
         }
 
         const bool read_only = purpose == TO_LOOK;
-        const bool create = purpose == TO_CREATE;
+        const bool create = purpose == TO_CREATE || purpose == TO_UPGRADE;
+        // Where the library brings it up to date, it waits without limit.
+        if (purpose == TO_UPGRADE && arguments.has("--dry-run")) return;
+        if (purpose == TO_UPGRADE) run("BEGIN EXCLUSIVE; ROLLBACK");
         const bool wal = is_new;  // an existing file keeps its journal mode
         static_cast<void>(library_line());
         if (_log.open(_name, read_only, create, POOL_CAPACITY, false, 0, 0, 0, wal) != 0)
@@ -228,7 +219,7 @@ void CLogFile::check_header()
 // removed again.
 void CLogFile::check_companions()
 {
-    const int64_t left_over = size_of(_name + "-wal");
+    const int64_t left_over = file_size(_name + "-wal");
     if (left_over > 0)
         fail(
             "nobody has it open, but its write-ahead log (" + number_text(left_over) +
@@ -238,7 +229,7 @@ void CLogFile::check_companions()
         fail(
             "in write-ahead mode, nobody has it open, and this user may not write here, as reading "
             "it takes; copy it into a folder of your own");
-    _removes_companions = left_over < 0 && size_of(_name + "-shm") < 0;
+    _removes_companions = left_over < 0 && file_size(_name + "-shm") < 0;
 }
 
 void CLogFile::open_handle()
@@ -268,11 +259,11 @@ void CLogFile::check_schema()
         fail("not a trend log: an SQLite file of another program", EXIT_BUSY);
     }
 
-    const int64_t version = pragma("user_version");
+    const int64_t version = _schema = pragma("user_version");
     if (version > SCHEMA_VERSION || version < 0)
         fail("made by a newer version: its schema is " + number_text(version) +
              ", this program knows " + number_text(SCHEMA_VERSION) + "; look for a newer trendlog");
-    if (version < SCHEMA_VERSION && _purpose != TO_CREATE)
+    if (version < SCHEMA_VERSION && _purpose != TO_CREATE && _purpose != TO_UPGRADE)
         fail("made by an older version: its schema is " + number_text(version) +
              ", this program reads " + number_text(SCHEMA_VERSION) +
              "; `trendlog upgrade` brings it up to date");

@@ -20,9 +20,9 @@ namespace trendlog {
 // write-ahead log that a crash has left over, a file in write-ahead mode that nobody has open where
 // this user may not make its companions.
 //
-// To change it: as a host does, with `create` for one that need not be there, or whose schema may
-// be older.
-enum purpose_t { TO_LOOK, TO_CHANGE, TO_CREATE };
+// To change it: as a host does, with `create` for one that need not be there. To bring it up to
+// date: one whose schema may be older, and with --dry-run stays so.
+enum purpose_t { TO_LOOK, TO_CHANGE, TO_CREATE, TO_UPGRADE };
 
 // A log for the time of a command. Every failure names the file, the cause and what to do.
 class CLogFile {
@@ -60,7 +60,12 @@ public:
     int64_t pragma(const char* name);
     std::string pragma_text(const char* name);
 
-    // A connection beside the log's, which is only read from.
+    // SQL on that connection, waiting for locks; a failure ends the command.
+    void run(const char* sql);
+    // The schema that the file had when it was opened.
+    int64_t schema() const { return _schema; }
+
+    // A connection beside the log's. Commands that change rows or configuration only read from it.
     sqlite3* handle() { return _handle; }
 
     // Ends the command with what SQLite or the library says of this file.
@@ -76,14 +81,13 @@ private:
     void close() noexcept;
     [[noreturn]] void fail_with_library_line(const std::string& line) const;
 
-    // Runs SQL on the handle, waiting for locks; a failure ends the command.
-    void run(const char* sql);
     static int wait(void* file, int count);
 
     std::string _name;
     purpose_t _purpose;
     int64_t _patience_ms;  // for a lock
     int64_t _waited_since_ms = 0;
+    int64_t _schema = -1;
     sqlite3* _handle = nullptr;
     bool _removes_companions = false;
     CLog _log;

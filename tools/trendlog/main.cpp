@@ -13,7 +13,9 @@ int main(int argc, char** argv)
         device_add_command(), device_rename_command(), device_remove_command(),
         param_add_command(),  param_set_command(),     param_remove_command(),
         unit_command(),       clear_command(),         rebuild_command(),
-        import_command(),     record_command(),
+        import_command(),     record_command(),        backup_command(),
+        vacuum_command(),     checkpoint_command(),    upgrade_command(),
+        salvage_command(),
     };
     return run_program(commands, argc, argv);
 }

@@ -18,6 +18,8 @@ command_t plot_command();
 command_t read_command();
 
 // These change the log.
+command_t backup_command();
+command_t checkpoint_command();
 command_t clear_command();
 command_t device_add_command();
 command_t device_remove_command();
@@ -32,6 +34,9 @@ command_t period_remove_command();
 command_t period_set_command();
 command_t rebuild_command();
 command_t record_command();
+command_t salvage_command();
 command_t unit_command();
+command_t upgrade_command();
+command_t vacuum_command();
 
 }  // namespace trendlog

@@ -1,9 +1,9 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
 
 #include "commands/commands.h"
+#include "disk.h"
 #include "numbers.h"
 #include "selection.h"
 #include "talk.h"
@@ -34,22 +34,6 @@ struct file_info_t {
     std::vector<std::string> _warnings;
 };
 
-int64_t size_of(const std::string& name)
-{
-    struct stat status {};
-    return stat(name.c_str(), &status) == 0 ? static_cast<int64_t>(status.st_size) : -1;
-}
-
-std::string bytes_text(int64_t bytes)
-{
-    const char* const units[] = {"bytes", "KB", "MB", "GB"};
-    double value = static_cast<double>(bytes);
-    size_t unit = 0;
-    for (; value >= 1000 && unit < 3; ++unit)
-        value /= 1000;
-    return short_number(value, 3) + " " + units[unit];
-}
-
 // What a check would find without reading the rows.
 void collect_warnings(CLogFile& file, file_info_t& info, const CZone& zone)
 {
@@ -74,7 +58,7 @@ void collect_warnings(CLogFile& file, file_info_t& info, const CZone& zone)
                            number_text(info._pages) +
                            " are free; `trendlog vacuum` gives them back");
     if (info._wal_bytes > WAL_PAGES * info._page_size)
-        warnings.push_back("the write-ahead log has " + bytes_text(info._wal_bytes) +
+        warnings.push_back("the write-ahead log has " + size_text(info._wal_bytes) +
                            ": something keeps it from being emptied");
     for (const device_info_t& device : info._devices)
         for (const CCoverage& table : device._tables)
@@ -87,8 +71,8 @@ void collect_warnings(CLogFile& file, file_info_t& info, const CZone& zone)
 file_info_t collect(CLogFile& file, const CZone& zone)
 {
     file_info_t info;
-    info._bytes = size_of(file.name());
-    info._wal_bytes = size_of(file.name() + "-wal");
+    info._bytes = file_size(file.name());
+    info._wal_bytes = file_size(file.name() + "-wal");
     info._schema = file.pragma("user_version");
     info._page_size = file.pragma("page_size");
     info._pages = file.pragma("page_count");
@@ -201,11 +185,11 @@ void write_device(CLogFile& file, const device_info_t& info, const CZone& zone, 
 void write_text(CLogFile& file, const file_info_t& info, const CZone& zone, CSink& sink)
 {
     sink.add(file.name() + ": trend log, schema " + number_text(info._schema) + "\n");
-    sink.add("  " + bytes_text(info._bytes) + ", " +
+    sink.add("  " + size_text(info._bytes) + ", " +
              counted(static_cast<uint64_t>(info._pages), "page") + " of " +
              number_text(info._page_size) + " bytes, " + number_text(info._free_pages) + " free; " +
              (info._journal_mode == "wal"
-                  ? "write-ahead log of " + bytes_text(std::max<int64_t>(0, info._wal_bytes))
+                  ? "write-ahead log of " + size_text(std::max<int64_t>(0, info._wal_bytes))
                   : "no write-ahead log") +
              "\n");
     std::string periods;

@@ -158,7 +158,7 @@ command_t param_add_command()
              {"PARAM", "what they are called", true, true}},
             recipe_options() + options_t{dry_run_options()[0]} + common_options(),
             {{"trendlog param add plant.db plant/steel t1 t2 --keep min,max,avg", "Two quantities"},
-             {"trendlog param add house.db house cos_phi water --kind cos_phi=pf,water=counter",
+             {"trendlog param add house.db house pf2 water --kind pf2=pf,water=counter",
               "A power factor and a counter"}},
             run_add};
 }
