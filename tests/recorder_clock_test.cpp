@@ -334,7 +334,7 @@ TEST_F(system_clock_of_recorder, is_the_one_without_another)
     EXPECT_EQ(_recorder->push(_params[0], 5.0, int64_t{std::time(nullptr)} * 1000 + 3'000), 0);
     CSnapshot snapshot;
     EXPECT_EQ(_recorder->get_open_interval(_device, snapshot), 0);
-    EXPECT_LE(snapshot._time - std::time(nullptr), 60);
+    EXPECT_LE(snapshot._time - std::time(nullptr), 63);  // the reading ahead may open the next one
     EXPECT_EQ(_recorder->tick(), 0);
     EXPECT_EQ(told(), "");
 }
