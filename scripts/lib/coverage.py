@@ -21,7 +21,7 @@ from collections import defaultdict
 from concurrent.futures import ThreadPoolExecutor
 
 LIST = pathlib.Path("tests/unreached.txt")
-BRANCHES_GOAL = 96.5  # %; of the lines it is all
+BRANCHES_GOAL = 97.0  # %; of the lines it is all
 
 
 def gcov(data):
